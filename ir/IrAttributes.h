@@ -13,7 +13,7 @@ class IrStaticTensor;
 
 enum AttrType : std::uint32_t { ORLO_PARAMTYPE_SCALAR = 0, ORLO_PARAMTYPE_TENSOR = 1 };
 
-// Unscoped with an 8-bit base so that a literal cast AttrClass(2) reads as in the text; names ours.
+// Unscoped with an 8-bit base so that a literal cast AttrClass(2) reads well.
 enum AttrClass : std::uint8_t { ATTR_ORDINARY = 1, ATTR_SUPPLEMENTAL = 2, ATTR_EXTRA = 3 };
 
 struct IrAttribute {
@@ -51,7 +51,7 @@ class IrAttributes {
   template <class T>
   typename AttrResult<T>::type getAttr(const std::string& name) const;  // the six scalar types
   std::shared_ptr<IrStaticTensor> getStaticTensor(const std::string& name) const;
-  std::string getStaticTensorName(const std::string& name) const;  // the text's "second form"
+  std::string getStaticTensorName(const std::string& name) const;
   std::vector<std::shared_ptr<IrStaticTensor>> getStaticTensors() const;
   bool isSupplemental(const std::string& name) const;
   void remove(const std::string& name);

@@ -75,7 +75,7 @@ class IrOp {
 
   static std::uint64_t lastDimsProduct(const std::vector<std::uint32_t>& dims, std::uint32_t n);
 
-  // addAtIdx, rmAtIdx and lockWeakPtr; public so that they can be tested as told in Part 1.6.
+  // addAtIdx, rmAtIdx and lockWeakPtr; public.
   template <class T>
   void addAtIdx(std::vector<T>& list, const T& value, std::int32_t idx) const;
   template <class T>

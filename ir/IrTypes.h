@@ -50,7 +50,7 @@ std::string getDataTypeShortName(DataType type);  // "float32" ..., "undefined" 
 bool isFloatDataType(DataType type);              // FLOAT_16 and FLOAT_32 only
 bool isQuantizedType(DataType type);              // the eight fixed-point types of width 4 to 32
 
-// Scoped; enumerators are the string forms (ours, the text names values by string).
+// Scoped; the enumerators are the string forms.
 enum class AxisFormat : std::uint32_t {
   NCDHW = 0, NDHWC = 1, NCHW = 2, NHWC = 3, NCF = 4, NFC = 5, TNF = 6, NTF = 7,
   NF = 8, NC = 9, ANY = 10, NONTRIVIAL = 11,
@@ -61,7 +61,7 @@ enum class AxisFormat : std::uint32_t {
 };
 std::string axisFormatToString(AxisFormat format);
 
-// Scoped; enumerator names ours, the values are the text's.
+
 enum class TensorType : std::uint32_t {
   GraphInput = 0,
   GraphOutput = 1,

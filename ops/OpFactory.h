@@ -1,6 +1,5 @@
 class OpParam {
  public:
-  // Only 3 and 5 are the text's; the other tags are ours.
   enum Tag : std::int32_t { None = 0, Bool = 1, Float = 2, Int32 = 3, Uint8 = 4, Uint32 = 5, String = 6, Uint32List = 7 };
   OpParam();
   OpParam(bool value);
