@@ -27,7 +27,8 @@ inline std::shared_ptr<IrTensor> tensorOf(const std::string& name, const Dims& d
   return tensorOf(name, IrTensorShape(dims), type, format);
 }
 
-inline std::vector<std::shared_ptr<IrTensor>> tensorsOf(const std::vector<Dims>& list, const std::string& prefix) {
+inline std::vector<std::shared_ptr<IrTensor>> tensorsOf(const std::vector<Dims>& list,
+                                                        const std::string& prefix) {
   std::vector<std::shared_ptr<IrTensor>> tensors;
   for (const Dims& dims : list) tensors.push_back(tensorOf(prefix + std::to_string(tensors.size()), dims));
   return tensors;

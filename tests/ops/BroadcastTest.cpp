@@ -55,12 +55,17 @@ TEST(Broadcast, DimsThatDoNotFitNameTheirPlaces) {
   expectFailure<std::invalid_argument>(
       "netforge::ops::getBroadcastedShape: Unable to broadcast shapes: dimension mismatch at axis 1, "
       "dimsOne[1]=3 vs dimsTwo[1]=4",
-      [] { getBroadcastedShape(Dims{2, 3, 5}, Dims{4, 5}, nullptr, false); });
-  // After the permutation the lists keep their own lengths: channels 3 stand at 3 of one, 7 at 0 of the other.
+      [] {
+        getBroadcastedShape(Dims{2, 3, 5}, Dims{4, 5}, nullptr, false);
+      });
+  // After the permutation the lists keep their own lengths: channels 3 stand at 3 of one, 7 at 0 of the
+  // other.
   expectFailure<std::invalid_argument>(
       "netforge::ops::getBroadcastedShape: Unable to broadcast shapes: dimension mismatch at axis 3, "
       "dimsOne[3]=3 vs dimsTwo[0]=7",
-      [] { getBroadcastedShape(Dims{2, 3, 5, 7}, Dims{7}, spatialLast, true); });
+      [] {
+        getBroadcastedShape(Dims{2, 3, 5, 7}, Dims{7}, spatialLast, true);
+      });
 }
 
 struct ShapeCase {
@@ -95,7 +100,9 @@ TEST(Broadcast, ShapesCarryTheirDynamicAxes) {
   expectFailure<std::invalid_argument>(
       "netforge::ops::getBroadcastedTensorShape: Unable to broadcast shapes: IrTensorShape(dims = [2,3] , "
       "dy_axes=[0]) and IrTensorShape(dims = [4] , dy_axes=[])",
-      [] { getBroadcastedTensorShape(IrTensorShape({2, 3}, {0}), IrTensorShape({4})); });
+      [] {
+        getBroadcastedTensorShape(IrTensorShape({2, 3}, {0}), IrTensorShape({4}));
+      });
 }
 
 }  // namespace
