@@ -124,7 +124,7 @@ class IrOp {
   void addAtIdx(std::vector<T>& list, const T& value, std::int32_t idx) const {
     if (idx == -1) idx = static_cast<std::int32_t>(list.size());
     if (idx < 0 || static_cast<std::size_t>(idx) > list.size()) {
-      fail<std::invalid_argument>("netforge::ops::IrOp::addAtIdx", "Error adding val to op", name,
+      fail<std::invalid_argument>("netforge::ops::IrOp::addAtIdx", "Error adding val to op", opName,
                                   ". Index to insert invalid ", idx);
     }
     list.insert(list.begin() + idx, value);
@@ -133,7 +133,7 @@ class IrOp {
   template <class T>
   void rmAtIdx(std::vector<T>& list, std::uint32_t idx) const {
     if (idx >= list.size()) {
-      fail<std::invalid_argument>("netforge::ops::IrOp::rmAtIdx", "Error remove val to op", name,
+      fail<std::invalid_argument>("netforge::ops::IrOp::rmAtIdx", "Error remove val to op", opName,
                                   ". Index specified invalid ", idx);
     }
     list.erase(list.begin() + static_cast<std::ptrdiff_t>(idx));
@@ -153,9 +153,10 @@ class IrOp {
   void* orderChunk = nullptr;
   const void* orderOwner = nullptr;
 
-  std::string name;
-  std::string type;
-  std::shared_ptr<IrAttributes> attributes;
+  // Not `name` and `attributes`, which the parameters of the op classes' constructors would shadow.
+  std::string opName;
+  std::string opType;
+  std::shared_ptr<IrAttributes> opAttributes;
 };
 
 }  // namespace ops

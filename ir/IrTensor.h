@@ -84,8 +84,8 @@ class IrTensor {
   bool isQuantizable() const;  ///< may hold a quantisation record
   /// Throws std::invalid_argument for true on a type that is not float. False also undefines the encoding.
   void setQuantizable(bool quantizable);
-  bool isQuantized() const;  ///< a fixed-point type and a defined encoding
-  const QuantInfo& getQuantInfo() const;
+  bool isQuantized() const;               ///< a fixed-point type and a defined encoding
+  const QuantInfo& getQuantInfo() const;  ///< valid until the record is set again
   /// Stores both. Throws std::invalid_argument, and changes nothing, unless the tensor is quantizable and
   /// the record's encoding is defined.
   void setQInfo(DataType dataType, const QuantInfo& quantInfo);

@@ -4,15 +4,6 @@
 
 namespace netforge::ops {
 
-std::string dimsText(const std::vector<std::uint32_t>& dims) {
-  std::string text = "[";
-  for (std::size_t i = 0; i < dims.size(); ++i) {
-    if (i > 0) text += ',';
-    text += std::to_string(dims[i]);
-  }
-  return text + "]";
-}
-
 std::shared_ptr<IrStaticTensor> makeUint32Tensor(const std::string& name,
                                                  const std::vector<std::uint32_t>& dims,
                                                  const std::vector<std::uint32_t>& values) {

@@ -28,8 +28,8 @@ class ReduceOp : public IrOp {
                                                             std::uint32_t numOutputs) override;
   std::vector<IrTensorShape> inferOutputTensorShapes(const std::shared_ptr<AxisOrder>& axisOrder,
                                                      std::uint32_t numOutputs) override;
-  /// A reduction over exactly the leading spatial axes of a known layout leaves NC; other axes that are
-  /// dropped leave NONTRIVIAL.
+  /// Without "keep_dims" the output is NC when "axes" begins with the spatial axes, in ascending order, of
+  /// the layout that input 0 had when it was attached, and NONTRIVIAL otherwise.
   void populateOutputAxisFormats(const std::shared_ptr<AxisOrder>& axisOrder,
                                  const std::map<std::string, std::uint8_t>& inputLayoutCodes,
                                  bool isTimeSeries) override;
