@@ -51,7 +51,7 @@ TEST(Reduction, ShapesAndCanonicalAxes) {
       EXPECT_EQ(op->getAttributes()->getStaticTensorName("axes"), "axes_given");
       EXPECT_EQ(op->inferOutputTensorShapes(kFirst, 1), std::vector{c.expected});
       if (!c.input.hasDynamicAxes()) {
-        EXPECT_EQ(op->inferOutputShapes(kFirst, 1), std::vector{c.expected.dims});
+        EXPECT_EQ(op->inferOutputShapes(kFirst, 1), std::vector<Values>{c.expected.dims});
       }
     }
   }
@@ -61,7 +61,7 @@ TEST(Reduction, AxisEqualToTheRank) {
   const auto input = makeTensor({2, 3, 4});
   ReduceOp reduce("r", reduceAttributes({3}), {input}, {});
   reduce.canonicalizeOp(1);
-  EXPECT_EQ(reduce.inferOutputShapes(kFirst, 1), std::vector<Values>({{2, 3, 4}}));
+  EXPECT_EQ(reduce.inferOutputShapes(kFirst, 1), (std::vector<Values>{{2, 3, 4}}));
   ReduceL2Op norm("n", reduceAttributes({3}), {input}, {});
   expectThrows<std::invalid_argument>(
       "netforge::ops::ReduceL2Op::canonicalizeOp: ReduceL2Op axis must be in [0, rank) = [0, 3), but got: 3",
