@@ -34,7 +34,7 @@ void addDefaultTensor(const std::shared_ptr<IrAttributes>& attributes, const std
                       const std::vector<std::uint32_t>& values, AttrClass attrClass);
 
 /// A static tensor of unsigned 32-bit values that owns its bytes: type static, both axis formats not yet
-/// defined. `dims` must multiply to the number of values.
+/// defined. `dims` are taken as given; elements beyond the values cannot be read.
 std::shared_ptr<IrStaticTensor> makeUint32Tensor(const std::string& name,
                                                  const std::vector<std::uint32_t>& dims,
                                                  const std::vector<std::uint32_t>& values);
