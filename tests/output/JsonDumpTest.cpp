@@ -319,6 +319,7 @@ TEST_F(JsonDump, FilesThatCannotBeWritten) {
             "netforge::IrGraph::dumpJson: IrGraph::dumpJson: Failed to open file for writing: absent/x.json");
   EXPECT_EQ(textOf([this] { dumpModelJson(graph, "absent/x"); }),
             "netforge::dumpModelJson: Failed to open file for writing: absent/x");
+  fs::remove("temp.cpp");
   fs::create_directory("temp.cpp");  // a companion that can't be created doesn't stop the dump
   dumpModelJson(graph, "x");
   EXPECT_NE(read("x"), "");
