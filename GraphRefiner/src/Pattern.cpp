@@ -130,10 +130,6 @@ PatternAttributePtr makeAttr(const std::string& name, const std::string& text) {
   return attribute;
 }
 
-PatternAttributePtr makeAttr(const std::string& name, const char* text) {
-  return makeAttr(name, std::string(text));
-}
-
 PatternAttributePtr makeAttr(const std::string& name, const std::vector<double>& values) {
   auto attribute = makeNamedAttr(name);
   attribute->values = values;

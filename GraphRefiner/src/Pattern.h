@@ -168,8 +168,6 @@ PatternPtr makeCommutativeOp(const std::string& typeName, const PatternPtr& a, c
                              const PatternAttributePtr& attribute);
 PatternAttributePtr makeAttr(const std::string& name, double number);
 PatternAttributePtr makeAttr(const std::string& name, const std::string& text);
-/// Without this form a literal would not find its way to the text.
-PatternAttributePtr makeAttr(const std::string& name, const char* text);
 PatternAttributePtr makeAttr(const std::string& name, const std::vector<double>& values);
 
 }  // namespace netforge::graphrefiner
