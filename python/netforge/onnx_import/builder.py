@@ -27,6 +27,7 @@ class Builder:
         self._spatial_values = spatial_values
         self._forms: dict[tuple[str, object], str] = {}
         self._aliases: dict[str, str] = {}
+        self.shown = frozenset(model.outputs)
         self._tensor_names = self._names_of_model()
         self._op_names = {node.name for node in model.nodes} | {node.name for node in model.folded}
         self._taken_op_names: set[str] = set()
@@ -38,6 +39,10 @@ class Builder:
 
     def type_of(self, name: str) -> ValueType:
         return self.model.type_of(name)
+
+    def knows(self, name: str) -> bool:
+        """False for a value that nobody reads and of which nothing is known."""
+        return name in self.model.readers or self.model.inference.type_of(name) is not None
 
     def constant(self, name: str) -> np.ndarray | None:
         """The elements of a constant; None for any other value and for an absent input."""
@@ -129,7 +134,7 @@ class Builder:
         if not value:
             raise OnnxImportError(f"output {position} is absent, and the IR can't leave out an output in the middle")
         kind = self.type_of(value)
-        shown = value in self.model.outputs
+        shown = value in self.shown
         format = SPATIAL_FORMATS[kind.rank][1] if layout == LAST else ""
         name = self._free_tensor_name(f"{value}.{format}") if shown and layout == LAST else value
         role = "output" if shown and layout == SOURCE else "native"
@@ -228,7 +233,7 @@ class Builder:
             return found
         constant = self.model.constants[value]
         name = value
-        if value in self.model.outputs or value in self.plan.tensors:
+        if value in self.shown or value in self.plan.tensors:
             sizes = "x".join(str(size) for size in dims)
             name = self._free_tensor_name(f"{value}_{sizes}" if dims else f"{value}_value")
         rank = len(dims)
@@ -244,7 +249,7 @@ class Builder:
         kind = self.type_of(value)
         formats = SPATIAL_FORMATS[kind.rank]
         format = formats[0] if after == SOURCE else formats[1]
-        name = value if after == SOURCE and value in self.model.outputs else self._free_tensor_name(f"{value}.{format}")
+        name = value if after == SOURCE and value in self.shown else self._free_tensor_name(f"{value}.{format}")
         role = "output" if name == value else "native"
         result = self._transpose(held, order, name, format, role)
         self.plan.tensors[result].source_format = formats[0]
@@ -270,5 +275,5 @@ class Builder:
         """A graph output that was computed channel-last is shown as the model has it, right away."""
         record = self.plan.tensors[tensor]
         value = record.source
-        if value and value in self.model.outputs and self._forms.get((value, LAST)) == tensor:
+        if value and value in self.shown and self._forms.get((value, LAST)) == tensor:
             self.get(value, SOURCE)

@@ -103,7 +103,7 @@ def _attribute_value(op: PlannedOp, name: str, value: Attribute) -> object:
 
 def _op(op: PlannedOp) -> netforge.IrOp:
     attributes = _attributes(op)
-    if not op.plain and netforge.TranslationRegistry.instance().hasMethod(op.type):
+    if not op.plain and netforge.hasMethod(op.type):
         return netforge.applyMethod(op.type, op.name, attributes)
     return netforge.IrOp(op.name, op.type, attributes)
 

@@ -41,9 +41,9 @@ def plan_model(
 ) -> tuple[Plan, Model]:
     """Everything up to the graph itself. Raises OnnxImportError, without a file name."""
     progress(0.0, "reading")
-    proto, folder = load_model(source, external_data_dir)
+    loaded = load_model(source, external_data_dir)
     progress(0.2, "folding constants")
-    model = prepare(proto, folder, random_weights, account, lambda done: progress(0.2 + 0.4 * done, "folding constants"))
+    model = prepare(loaded, random_weights, account, lambda done: progress(0.2 + 0.4 * done, "folding constants"))
     progress(0.6, "converting")
     builder = Builder(model, layout == "spatial_first", spatial_values(model))
     for node in model.nodes:

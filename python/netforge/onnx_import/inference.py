@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from collections.abc import Container
+
 import numpy as np
 import onnx
 from onnx import helper, numpy_helper, shape_inference
@@ -46,8 +48,10 @@ class Inference:
     that hold for the run its author had in mind.
     """
 
-    def __init__(self, model: onnx.ModelProto, opsets: dict[str, int]) -> None:
+    def __init__(self, model: onnx.ModelProto, opsets: dict[str, int], elsewhere: Container[str] = ()) -> None:
+        """`elsewhere` names the initializers whose bytes the model lacks."""
         self._model = model
+        self._elsewhere = elsewhere
         self._opset_imports = [helper.make_opsetid(domain, version) for domain, version in opsets.items()]
         self._opsets = opsets
         self._whole: dict[str, onnx.TypeProto] | None = None
@@ -89,6 +93,8 @@ class Inference:
             local = type_of_proto(results[name], name) if name in results else None
             if local is None or not local.is_static:
                 local = self._merge(local, self._from_whole_model(name))
+            if local is None and node.op_type.startswith("Reduce") and not domain:
+                local = self._reduced(node)
             if local is not None:
                 self.inferred[name] = local
 
@@ -134,7 +140,8 @@ class Inference:
             graph.output.add().name = info.name
         for tensor in source.initializer:
             count = int(np.prod(tensor.dims, dtype=np.int64))
-            if count <= _SHAPE_DATA_LIMIT and tensor.data_location != onnx.TensorProto.EXTERNAL:
+            held = tensor.data_location != onnx.TensorProto.EXTERNAL and tensor.name not in self._elsewhere
+            if held and count <= _SHAPE_DATA_LIMIT:
                 graph.initializer.append(tensor)
             else:
                 value = helper.make_tensor_type_proto(tensor.data_type, tensor.dims)
@@ -144,6 +151,16 @@ class Inference:
         except Exception:  # what it can't do is no fault of the model: the node-wise types remain
             return {}
         return {info.name: info.type for group in (inferred.graph.value_info, inferred.graph.output) for info in group}
+
+    def _reduced(self, node: onnx.NodeProto) -> ValueType | None:
+        """A reduction over axes that only a run tells: its rank at least."""
+        data = self.type_of(node.input[0])
+        axes = self.type_of(node.input[1]) if len(node.input) > 1 and node.input[1] else None
+        keep = next((attribute.i for attribute in node.attribute if attribute.name == "keepdims"), 1)
+        if data is None or axes is None or not (keep or axes.is_static and 0 not in axes.dims):
+            return None
+        rank = data.rank if keep else data.rank - int(np.prod(axes.dims))
+        return ValueType(data.elem_type, tuple(f"?{node.output[0]}.{axis}" for axis in range(max(rank, 0))))
 
     @staticmethod
     def _merge(local: ValueType | None, whole: ValueType | None) -> ValueType | None:

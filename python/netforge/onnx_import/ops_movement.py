@@ -27,7 +27,7 @@ def identity(builder: Builder, node: Node) -> None:
             raise NotTyped("it is in training mode")
         if builder.is_read(node, 1):
             raise NotTyped("its mask is read")
-    if node.outputs[0] in builder.model.outputs:
+    if node.outputs[0] in builder.shown:
         builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)])
     else:
         builder.alias(node.outputs[0], node.inputs[0])

@@ -2,17 +2,18 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
 import onnx
 from onnx import AttributeProto, helper
 
 from netforge.onnx_import.account import ImportAccount
+from netforge.onnx_import.branches import taken_branch
 from netforge.onnx_import.errors import OnnxImportError
 from netforge.onnx_import.folding import Folder, dense_constant
 from netforge.onnx_import.inference import Inference, require_type, type_of_proto
-from netforge.onnx_import.loading import opset_versions
+from netforge.onnx_import.loading import LoadedModel, opset_versions
 from netforge.onnx_import.random_weights import FillRoles
 from netforge.onnx_import.values import Constant, ValueType, ir_type_name
 
@@ -69,17 +70,17 @@ class Model:
 
 
 def prepare(
-    proto: onnx.ModelProto,
-    folder: str | None,
+    loaded: LoadedModel,
     random_weights: int | None,
     account: ImportAccount,
     progress: Callable[[float], None],
 ) -> Model:
     """Names, folds and infers. Raises OnnxImportError for what the IR can't hold."""
-    graph = proto.graph
-    opsets = opset_versions(proto)
-    constants = _initializers(graph, folder)
-    inference = Inference(proto, opsets)
+    graph = loaded.proto.graph
+    opsets = opset_versions(loaded.proto)
+    constants = {tensor.name: loaded.constant(tensor) for tensor in graph.initializer}
+    constants.update((sparse.values.name, dense_constant(sparse)) for sparse in graph.sparse_initializer)
+    inference = Inference(loaded.proto, opsets, loaded.places)
     inputs = [info for info in graph.input if info.name not in constants]
     for info in inputs:
         found = type_of_proto(info.type, info.name)
@@ -88,32 +89,41 @@ def prepare(
         ir_type_name(found.elem_type)
         inference.set_type(info.name, found)
     for name, constant in constants.items():
-        inference.set_type(name, ValueType(constant.elem_type, constant.dims))
+        inference.set_type(name, _type_of_constant(constant))
 
     outputs = [info.name for info in graph.output]
-    nodes = _named_nodes(graph, opsets)
+    names = NodeNames(graph.node)
+    nodes = [names.node(node, opsets) for node in graph.node]
     live = _live(nodes, outputs, constants)
-    folder_of_nodes = Folder(
-        constants, inference, opsets, FillRoles(graph) if random_weights is not None else None, random_weights
-    )
-    unfolded = []
-    folded = []
-    for index, node in enumerate(live):
+    roles = FillRoles(graph) if random_weights is not None else None
+    folding = Folder(constants, inference, opsets, roles, random_weights)
+    unfolded: list[Node] = []
+    folded: list[Node] = []
+    waiting = list(reversed(live))
+    while waiting:
+        node = waiting.pop()
         try:
+            if _is_decided(node, constants):
+                inner, tensors = taken_branch(node.proto, bool(constants[node.inputs[0]].array()))
+                for tensor in tensors:
+                    constants[tensor.name] = Constant.from_proto(tensor, loaded.folder)
+                    inference.set_type(tensor.name, _type_of_constant(constants[tensor.name]))
+                folded.append(node)
+                waiting.extend(names.node(proto, opsets) for proto in reversed(inner))
+                continue
             inference.infer(node.proto, constants)
-            if folder_of_nodes.fold(node.proto):
+            if folding.fold(node.proto):
                 folded.append(node)
                 for name in filter(None, node.outputs):
-                    constant = constants[name]
-                    inference.set_type(name, ValueType(constant.elem_type, constant.dims))
+                    inference.set_type(name, _type_of_constant(constants[name]))
             else:
                 _decode_attributes(node)
                 unfolded.append(node)
         except OnnxImportError as error:
             error.node = error.node or node.label
             raise
-        if index % 64 == 0:
-            progress(index / len(live))
+        if len(waiting) % 64 == 0:
+            progress(1 - len(waiting) / len(live))
 
     # Folding makes nodes superfluous: whatever only a folded Shape asked for.
     kept = _live(unfolded, outputs, constants)
@@ -132,29 +142,36 @@ def prepare(
     )
 
 
-def _initializers(graph: onnx.GraphProto, folder: str | None) -> dict[str, Constant]:
-    constants = {tensor.name: Constant.from_proto(tensor, folder) for tensor in graph.initializer}
-    constants.update((sparse.values.name, dense_constant(sparse)) for sparse in graph.sparse_initializer)
-    return constants
+def _type_of_constant(constant: Constant) -> ValueType:
+    return ValueType(constant.elem_type, constant.dims)
 
 
-def _named_nodes(graph: onnx.GraphProto, opsets: dict[str, int]) -> list[Node]:
-    """A node without a name takes that of its first output; of equal names the later ones get a number."""
-    given = {node.name for node in graph.node if node.name}
-    used: set[str] = set()
-    result = []
-    for proto in graph.node:
+def _is_decided(node: Node, constants: dict[str, Constant]) -> bool:
+    """Whether the node is an If whose condition is known."""
+    return node.op_type == "If" and not node.domain and node.inputs[0] in constants
+
+
+class NodeNames:
+    """Gives every node a name of its own.
+
+    A node without a name takes that of its first output; of equal names the later ones get a number.
+    """
+
+    def __init__(self, nodes: Iterable[onnx.NodeProto]) -> None:
+        self._given = {node.name for node in nodes if node.name}
+        self._used: set[str] = set()
+
+    def node(self, proto: onnx.NodeProto, opsets: dict[str, int]) -> Node:
         base = proto.name or next(filter(None, proto.output), proto.op_type)
         name = base
         number = 0
-        while name in used or (name != proto.name and name in given):
+        while name in self._used or (name != proto.name and name in self._given):
             number += 1
             name = f"{base}_{number}"
-        used.add(name)
+        self._used.add(name)
         domain = "" if proto.domain == "ai.onnx" else proto.domain
         inputs, outputs = _trimmed(proto.input), _trimmed(proto.output)
-        result.append(Node(name, proto.op_type, domain, opsets.get(domain, 1), inputs, outputs, proto))
-    return result
+        return Node(name, proto.op_type, domain, opsets.get(domain, 1), inputs, outputs, proto)
 
 
 def _trimmed(names: list[str]) -> list[str]:

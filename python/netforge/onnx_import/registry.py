@@ -14,7 +14,7 @@ from netforge.onnx_import.builder import Builder
 from netforge.onnx_import.errors import NotTyped, OnnxImportError
 from netforge.onnx_import.plan import Attribute
 from netforge.onnx_import.preparation import Node
-from netforge.onnx_import.values import Constant
+from netforge.onnx_import.values import Constant, ir_type_name
 
 Converter = Callable[[Builder, Node], None]
 
@@ -52,6 +52,9 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
     planned = len(builder.plan.ops)
     function = _converters.get(node.op_type) if not node.domain else None
     try:
+        for name in node.outputs:
+            if name in builder.model.readers:
+                ir_type_name(builder.type_of(name).elem_type)
         if function is None:
             raise NotTyped("no op of the catalogue stands for this operator")
         function(builder, node)
@@ -63,6 +66,9 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
     except OnnxImportError as error:
         error.node = error.node or node.label
         raise
+    except (ArithmeticError, LookupError, TypeError, ValueError) as error:
+        # The model passed the check and still has something that no operator of its kind has.
+        raise OnnxImportError(f"it can't be converted: {error!r}", node=node.label) from error
 
 
 def plain_type(node: Node) -> str:
@@ -75,7 +81,7 @@ def plain_type(node: Node) -> str:
 def plain_op(builder: Builder, node: Node) -> None:
     """Plans the node under its own name with its own attributes, in the layout of the model."""
     inputs = [(position, name) for position, name in enumerate(node.inputs) if name]
-    outputs = [(position, name) for position, name in enumerate(node.outputs) if name]
+    outputs = [(position, name) for position, name in enumerate(node.outputs) if name and builder.knows(name)]
     if not inputs:
         raise OnnxImportError("the IR can't hold an op without inputs", node=node.label)
     attributes = {name: _attribute(node, name) for name in node.attributes}

@@ -142,8 +142,18 @@ class Constant:
         if tensor.HasField("raw_data") and tensor.data_type in _STORAGE:
             dtype = _STORAGE[tensor.data_type][1]
             if dtype is not None and tensor.data_type != TensorProto.BFLOAT16:
-                return cls(tensor.data_type, dims, lambda: _borrow(tensor, dims, dtype))
+                return cls(tensor.data_type, dims, lambda: _array_of_bytes(tensor.name, tensor.raw_data, dims, dtype))
         return cls(tensor.data_type, dims, lambda: _read(tensor))
+
+    @classmethod
+    def from_bytes(cls, tensor: TensorProto, raw: memoryview) -> Constant:
+        """A constant whose bytes lie elsewhere in memory, and are borrowed from there."""
+        dims = tuple(int(size) for size in tensor.dims)
+        dtype = storage_dtype(tensor.data_type)
+        array = _array_of_bytes(tensor.name, raw, dims, dtype)
+        if tensor.data_type == TensorProto.BFLOAT16:
+            array = array.view(onnx.helper.tensor_dtype_to_np_dtype(tensor.data_type))
+        return cls(tensor.data_type, dims, lambda: array)
 
     @classmethod
     def _from_external(cls, tensor: TensorProto, dims: tuple[int, ...], folder: str | None) -> Constant:
@@ -163,12 +173,11 @@ class Constant:
         return cls(tensor.data_type, dims, read, ref if by_ir else None)
 
 
-def _borrow(tensor: TensorProto, dims: tuple[int, ...], dtype: np.dtype) -> np.ndarray:
-    raw = tensor.raw_data
-    if len(raw) != math.prod(dims) * dtype.itemsize:
+def _array_of_bytes(name: str, raw: bytes | memoryview, dims: tuple[int, ...], dtype: np.dtype) -> np.ndarray:
+    expected = math.prod(dims) * dtype.itemsize
+    if len(raw) != expected or min(dims, default=0) < 0:
         raise OnnxImportError(
-            f"tensor '{tensor.name}' of dims {list(dims)} has {len(raw)} bytes of data, "
-            f"expected {math.prod(dims) * dtype.itemsize}"
+            f"tensor '{name}' of dims {list(dims)} has {len(raw)} bytes of data, expected {expected}"
         )
     return np.frombuffer(raw, dtype).reshape(dims)
 
