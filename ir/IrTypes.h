@@ -10,7 +10,9 @@ namespace netforge {
 
 class IrTensor;
 
-// Unscoped on purpose: the constants are used by their bare names throughout.
+/// Element types, with the numbers of the target runtime: the high byte is the class, the low byte mostly
+/// the width in binary-coded decimal (BFLOAT_16 is the exception, so never compute a width from it).
+/// Unscoped on purpose: the constants are used by their bare names throughout.
 enum DataType : std::uint32_t {
   ORLO_DATATYPE_INT_2 = 0x0002,
   ORLO_DATATYPE_INT_4 = 0x0004,
@@ -45,36 +47,62 @@ enum DataType : std::uint32_t {
   ORLO_DATATYPE_UNDEFINED = 0x7FFFFFFF
 };
 
-std::string getDataTypeName(DataType type);       // "ORLO_DATATYPE_...", "UNKNOWN" for other values
-std::string getDataTypeShortName(DataType type);  // "float32" ..., "undefined" without one
-bool isFloatDataType(DataType type);              // FLOAT_16 and FLOAT_32 only
-bool isQuantizedType(DataType type);              // the eight fixed-point types of width 4 to 32
+/// The constant's own name, "ORLO_DATATYPE_FLOAT_32"; "UNKNOWN" for a number that is no constant.
+std::string getDataTypeName(DataType type);
+/// The short form of dumps, "float32"; "undefined" for types without one.
+std::string getDataTypeShortName(DataType type);
+/// Float in the sense of quantisation: FLOAT_16 and FLOAT_32 only.
+bool isFloatDataType(DataType type);
+/// The eight fixed-point types of width 4, 8, 16 and 32; width 2 does not count.
+bool isQuantizedType(DataType type);
 
-// Scoped; the enumerators are the string forms.
+/// Layouts. A letter names an axis: N batch, C channels, D depth, H height, W width, F feature, T time,
+/// I input channels, O output channels. The enumerators are the string forms.
 enum class AxisFormat : std::uint32_t {
-  NCDHW = 0, NDHWC = 1, NCHW = 2, NHWC = 3, NCF = 4, NFC = 5, TNF = 6, NTF = 7,
-  NF = 8, NC = 9, ANY = 10, NONTRIVIAL = 11,
-  DHWIO = 12, DHWOI = 13, IODHW = 14, OIDHW = 15,
-  HWIO = 16, HWOI = 17, IOHW = 18, OIHW = 19,
-  FIO = 20, FOI = 21, IOF = 22, OIF = 23,
+  NCDHW = 0,
+  NDHWC = 1,
+  NCHW = 2,
+  NHWC = 3,
+  NCF = 4,
+  NFC = 5,
+  TNF = 6,
+  NTF = 7,
+  NF = 8,
+  NC = 9,
+  ANY = 10,
+  NONTRIVIAL = 11,
+  DHWIO = 12,
+  DHWOI = 13,
+  IODHW = 14,
+  OIDHW = 15,
+  HWIO = 16,
+  HWOI = 17,
+  IOHW = 18,
+  OIHW = 19,
+  FIO = 20,
+  FOI = 21,
+  IOF = 22,
+  OIF = 23,
   NOT_YET_DEFINED = 0xFFFFFFFF
 };
+/// The string form, "NHWC"; "NOT_YET_DEFINED" also for a number that is no layout.
 std::string axisFormatToString(AxisFormat format);
 
-
+/// How the target runtime sees a tensor.
 enum class TensorType : std::uint32_t {
-  GraphInput = 0,
-  GraphOutput = 1,
-  GraphInputOutput = 2,
-  Native = 3,
-  Static = 4,
+  GraphInput = 0,        ///< written by the application
+  GraphOutput = 1,       ///< read by the application
+  GraphInputOutput = 2,  ///< both
+  Native = 3,            ///< lives inside the graph
+  Static = 4,            ///< constant data
   Null = 5,
   OptionalInput = 11,
   OptionalOutput = 12,
   OptionalInputOutput = 13,
-  StaticOwnNumbering = 0x70000000
+  StaticOwnNumbering = 0x70000000  ///< static, in our own numbering; 4 towards the runtime
 };
 
+/// Which group of a QuantInfo is in force.
 enum class QuantEncodingKind : std::uint32_t {
   ScaleOffset = 0,
   AxisScaleOffset = 1,
@@ -90,40 +118,49 @@ enum class QuantEncodingKind : std::uint32_t {
   Undefined = 0x7FFFFFFF
 };
 
+/// One scale and offset entry. Equal field by field, floats by value, so a NaN is never equal.
 struct EncodingInfo {
-  std::uint32_t bitwidth = 0;
-  float minimum = 0.0f;
-  float maximum = 0.0f;
+  std::uint32_t bitwidth = 0;  ///< of the quantised value
+  float minimum = 0.0f;        ///< lower end of the real range
+  float maximum = 0.0f;        ///< upper end of the real range
   float scale = 0.0f;
-  double offset = 0.0;
+  double offset = 0.0;  ///< zero point; the runtime gets it truncated to a signed 32-bit value
   bool isSymmetric = false;
   bool isFixedPoint = true;
-  std::int32_t mappedWidth = 0;
+  std::int32_t mappedWidth = 0;  ///< BwAxisScaleOffsetMapped takes it from the first entry
   bool operator==(const EncodingInfo& other) const;
   bool operator!=(const EncodingInfo& other) const;
 };
 
+/// The quantisation record of a tensor: a header (`encoding` to `auxDefinition`) and one group of fields
+/// per encoding kind, of which only the one that `encoding` selects has meaning.
+///
+/// Copying takes the header and the group in force and leaves the other groups at their defaults. Two
+/// records are equal when their headers and the group in force are; `arrayIndexTensor` compares by identity.
+/// A kind up to 13 that has no group is compared by its header; an undefined kind above 13 equals nothing.
 struct QuantInfo {
   QuantInfo();
-  QuantInfo(const QuantInfo& other);             // same rule as assignment
-  QuantInfo& operator=(const QuantInfo& other);  // header and the group in force; other groups reset
+  QuantInfo(const QuantInfo& other);
+  /// Safe for the record itself and for an element of its own `arrayEncodings`.
+  QuantInfo& operator=(const QuantInfo& other);
   bool operator==(const QuantInfo& other) const;
   bool operator!=(const QuantInfo& other) const;
 
   QuantEncodingKind encoding = QuantEncodingKind::Undefined;
-  bool isOverridden = false;
-  std::uint32_t definition = 0x7FFFFFFF;
+  bool isOverridden = false;              ///< a float tensor's record that the user gave
+  std::uint32_t definition = 0x7FFFFFFF;  ///< of the runtime's encoding definition; undefined by default
   std::uint32_t auxDefinition = 0x7FFFFFFF;
+  // ScaleOffset, BwScaleOffset and Undefined.
   EncodingInfo scaleOffset;
-  // kinds 1, 3, 8
+  // AxisScaleOffset, BwAxisScaleOffset, BwAxisScaleOffsetMapped: one entry per channel of `axis`.
   std::int32_t axis = 0;
   std::vector<EncodingInfo> axisEncodings;
-  // kinds 4, 11
+  // Block, BlockMapped.
   std::uint32_t blockFlags = 0;
   std::int32_t blockAxis = 0;
   std::uint32_t blockSize = 0;
   std::vector<EncodingInfo> blockEncodings;
-  // kind 5
+  // SbqBlockwise; the reserved words are kept and compared, never read.
   std::int32_t sbqAxis = 0;
   std::uint32_t sbqReserved = 0;
   std::vector<EncodingInfo> sbqEncodings;
@@ -132,17 +169,17 @@ struct QuantInfo {
   std::uint32_t sbqBlockScaleBitwidth = 0;
   std::vector<std::uint8_t> sbqScales8;
   std::vector<std::uint16_t> sbqScales16;
-  // kind 6
+  // LaneEncoding; the flags are kept and compared, never read.
   std::uint32_t laneAxis = 0;
   std::vector<EncodingInfo> laneEncodings;
   std::uint32_t laneCount = 0;
   std::uint32_t laneStride = 0;
   std::array<std::uint8_t, 5> laneFlags{};
-  // kind 13
+  // ArrayEncoding.
   std::uint32_t arrayElementKind = 0x7FFFFFFF;
   std::vector<QuantInfo> arrayEncodings;
   std::shared_ptr<IrTensor> arrayIndexTensor;
-  // kind 12
+  // TableEncoding.
   std::uint32_t tableKind = 0x7FFFFFFF;
   std::uint32_t tableCount = 0;
   std::vector<std::uint32_t> tableDims;
@@ -152,16 +189,19 @@ struct QuantInfo {
   std::vector<std::uint32_t> tableWords;
 };
 
+/// Sparse storage of a tensor; the two counts have meaning for layout 0, the one layout in use.
 struct SparseParams {
-  std::uint32_t layout = 0x7FFFFFFF;
+  std::uint32_t layout = 0x7FFFFFFF;  ///< undefined by default: a dense tensor
   std::uint32_t numSpecifiedElements = 1;
   std::uint32_t numSparseDimensions = 1;
 };
 
+/// Where the bytes of a static tensor lie that has not been read yet. The range holds 32-bit floats when the
+/// tensor's type is FLOAT_16, and the tensor's own bytes otherwise.
 struct ExternalDataRef {
   std::string path;
-  std::uint64_t offset = 0;
-  std::uint64_t length = 0;
+  std::uint64_t offset = 0;           ///< bytes from the start of the file
+  std::uint64_t length = 0;           ///< bytes in the file
   std::vector<std::uint64_t> values;  // carried, not read
   std::uint32_t extra = 0;            // carried, not read
 };

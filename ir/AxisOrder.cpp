@@ -1,0 +1,7 @@
+#include "ir/AxisOrder.h"
+
+namespace netforge {
+
+AxisOrder::~AxisOrder() = default;
+
+}  // namespace netforge
