@@ -3,10 +3,13 @@
 from __future__ import annotations
 
 from collections import defaultdict
+from collections.abc import Iterator
+from contextlib import contextmanager
 
 import numpy as np
 
 import netforge
+from netforge.onnx_import.errors import OnnxImportError
 from netforge.onnx_import.plan import Attribute, Plan, PlannedOp, PlannedTensor
 from netforge.onnx_import.preparation import Model, Node
 from netforge.onnx_import.values import Dims, ir_type_name
@@ -30,7 +33,6 @@ _CLASSES = {
     "data_format": 3,
 }
 _PLACEHOLDER = 1  # size that stands at a dynamic axis
-_LARGEST_DIM = 0xFFFFFFFF
 
 
 def emit(plan: Plan, model: Model, name: str, spatial_first: bool) -> netforge.IrGraph:
@@ -41,13 +43,26 @@ def emit(plan: Plan, model: Model, name: str, spatial_first: bool) -> netforge.I
     # The lists of inputs and outputs keep the order in which their tensors are entered.
     rest = [tensor for tensor in plan.tensors.values() if tensor.role in ("native", "static")]
     for tensor in (*inputs, *shown, *rest):
-        graph.addTensor(_tensor(tensor))
+        with _reported(f"tensor '{tensor.name}' can't be held"):
+            graph.addTensor(_tensor(tensor))
     for op in plan.ops:
         shapes = [_shape(plan.tensors[output].dims) for output in op.outputs]
         formats = [_format(plan.tensors[output].format) for output in op.outputs]
-        graph.addOp(_op(op), op.inputs, op.outputs, outputShapes=shapes, outputAxisFormats=formats)
+        with _reported(f"op '{op.name}' of type {op.type} can't be held"):
+            graph.addOp(_op(op), op.inputs, op.outputs, outputShapes=shapes, outputAxisFormats=formats)
     _trace(graph, plan, model)
     return graph
+
+
+@contextmanager
+def _reported(what: str) -> Iterator[None]:
+    """What the IR refuses is a limit of the IR that the model meets."""
+    try:
+        yield
+    except OnnxImportError:
+        raise
+    except (ArithmeticError, LookupError, RuntimeError, TypeError, ValueError) as error:
+        raise OnnxImportError(f"{what}: {error}") from error
 
 
 def _format(name: str) -> netforge.AxisFormat:

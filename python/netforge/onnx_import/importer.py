@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 from collections.abc import Callable
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import onnx
 
@@ -26,6 +27,9 @@ from netforge.onnx_import.plan import Plan
 from netforge.onnx_import.preparation import Model, prepare
 from netforge.onnx_import.registry import convert_node
 from netforge.onnx_import.spatial import spatial_values
+
+if TYPE_CHECKING:
+    from netforge import IrGraph
 
 LAYOUTS = ("spatial_first", "source")
 Progress = Callable[[float, str], None]
@@ -86,7 +90,7 @@ def from_onnx(
     external_data_dir: str | os.PathLike[str] | None = None,
     account: ImportAccount | None = None,
     progress: Progress | None = None,
-) -> netforge.IrGraph:  # noqa: F821  imported where it is used
+) -> IrGraph:
     """Imports an ONNX model of opset 7 or newer as an IrGraph.
 
     `layout` "spatial_first" makes ops that have a layout work channel-last under a SpatialFirstAxisOrder,
@@ -112,6 +116,7 @@ def from_onnx(
         report(0.7, "building the graph")
         graph = emit(plan, model, graph_name(source, model), layout == "spatial_first")
     except OnnxImportError as error:
+        # One reason per import, and the file that the caller named.
         error.file = None if isinstance(source, onnx.ModelProto) else os.fspath(source)
         account.refused.append(error.reason)
         raise
