@@ -52,6 +52,9 @@ class Builder:
     def is_constant(self, name: str) -> bool:
         return name in self.model.constants
 
+    def is_scalar_constant(self, name: str) -> bool:
+        return self.is_constant(name) and not self.model.constants[name].dims
+
     def required_constant(self, node: Node, position: int, what: str) -> np.ndarray:
         found = self.constant(node.input(position))
         if found is None:
@@ -72,6 +75,8 @@ class Builder:
             return found
         if name in self.model.constants and layout == SOURCE:
             constant = self.model.constants[name]
+            if not constant.dims:
+                raise NotTyped("it reads a constant of rank 0, which the IR holds as one element of dims [1]")
             return self._static_form(name, constant.dims, SOURCE)
         rank = self.type_of(name).rank
         if layout == LAST:
@@ -91,8 +96,8 @@ class Builder:
         return self._static_form(name, dims, ("dims", dims, format), format)
 
     def get_operand(self, name: str) -> str:
-        """An operand of a broadcasting op: a constant of rank 0 counts there as one element of dims [1]."""
-        if self.is_constant(name) and not self.model.constants[name].dims:
+        """A value for an op that takes a constant of rank 0 as one element of dims [1], as broadcasting does."""
+        if self.is_scalar_constant(name):
             return self.get_with_dims(name, (1,))
         return self.get(name)
 
@@ -176,9 +181,12 @@ class Builder:
             if value not in self.model.constants:
                 continue
             kind = self.type_of(value)
-            held = self._static_form(value, kind.dims, SOURCE)
+            held = self._static_form(value, kind.dims or (1,), SOURCE)
             self.plan.tensors[value] = self._tensor_of(value, value, kind, SOURCE, "output")
-            self.plan.ops.append(PlannedOp("Identity", self._free_op_name(value), {}, [held], [value], ""))
+            type_name, attributes = "Identity", {}
+            if not kind.dims:
+                type_name, attributes = "Reshape", {"shape": np.zeros(0, np.uint32)}
+            self.plan.ops.append(PlannedOp(type_name, self._free_op_name(value), attributes, [held], [value], ""))
         self.plan.remove_dead()
         return self.plan
 
@@ -235,7 +243,7 @@ class Builder:
         name = value
         if value in self.shown or value in self.plan.tensors:
             sizes = "x".join(str(size) for size in dims)
-            name = self._free_tensor_name(f"{value}_{sizes}" if dims else f"{value}_value")
+            name = self._free_tensor_name(f"{value}_{sizes}")
         rank = len(dims)
         spatial = key == SOURCE and value in self._spatial_values
         format = format or (SPATIAL_FORMATS[rank][0] if spatial else plain_format(rank))

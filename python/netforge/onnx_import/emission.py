@@ -28,6 +28,7 @@ _CLASSES = {
     "onnx_opset": 2,
     "onnx_input_positions": 2,
     "onnx_output_positions": 2,
+    "onnx_scalar_inputs": 2,
     "transpose_a": 3,
     "transpose_b": 3,
     "data_format": 3,

@@ -71,11 +71,16 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
         raise OnnxImportError(f"it can't be converted: {error!r}", node=node.label) from error
 
 
+# Operators that later versions know under another name, with nothing else changed.
+_RENAMED = {"Scatter": ("ScatterElements", 11)}
+
+
 def plain_type(node: Node) -> str:
     """The ONNX name; with "Onnx" in front where the catalogue has another meaning for it, or the domain."""
     if node.domain:
         return f"{node.domain}.{node.op_type}"
-    return f"Onnx{node.op_type}" if node.op_type in RESERVED_TYPES else node.op_type
+    name, _ = _RENAMED.get(node.op_type, (node.op_type, 0))
+    return f"Onnx{name}" if name in RESERVED_TYPES else name
 
 
 def plain_op(builder: Builder, node: Node) -> None:
@@ -85,15 +90,19 @@ def plain_op(builder: Builder, node: Node) -> None:
     if not inputs:
         raise OnnxImportError("the IR can't hold an op without inputs", node=node.label)
     attributes = {name: _attribute(node, name) for name in node.attributes}
-    attributes["onnx_opset"] = np.uint32(node.opset)
+    _, oldest = _RENAMED.get(node.op_type, (node.op_type, 0)) if not node.domain else ("", 0)
+    attributes["onnx_opset"] = np.uint32(max(node.opset, oldest))
     if node.domain:
         attributes["onnx_domain"] = node.domain
     for key, places in (("onnx_input_positions", inputs), ("onnx_output_positions", outputs)):
         if [position for position, _ in places] != list(range(len(places))):
             attributes[key] = np.array([position for position, _ in places], np.uint32)
+    scalars = [position for position, name in inputs if builder.is_scalar_constant(name)]
+    if scalars:
+        attributes["onnx_scalar_inputs"] = np.array(scalars, np.uint32)
     builder.add(
         plain_type(node),
-        [builder.get(name) for _, name in inputs],
+        [builder.get_operand(name) for _, name in inputs],
         [builder.output(node, position) for position, _ in outputs],
         attributes,
         plain=True,
