@@ -6,7 +6,6 @@ import json
 from collections.abc import Callable
 
 import numpy as np
-import onnx
 from onnx import AttributeProto
 
 from netforge.onnx_import.account import ImportAccount
@@ -21,14 +20,17 @@ Converter = Callable[[Builder, Node], None]
 _converters: dict[str, Converter] = {}
 
 # Type strings that stand for ops of the catalogue, or that passes know: no plain op may bear one.
-RESERVED_TYPES = frozenset(
-    """Arg Batchnorm Cast ColorTransform Concat Conv2d Conv3d Convert CreateSparse CumulativeSum DepthToSpace
-    DepthWiseConv2d Dequantize ElementWiseMux ElementWiseNeuron ElementWiseUnary Eltwise_Binary Eltwise_Ternary
-    Eltwise_Unary Expand ExpandDims FullyConnected Gather GatherElements GatherNd Gelu GetSparseIndices
-    GetSparseValues Gru HadamardTransform Identity InstanceNorm Inverse L2Norm LayerNorm LogSoftmax Lrn Lstm MatMul
-    Mean Neuron Pack Pad Pool Pool3d Prelu Reduce ReduceL2 Reshape Resize RmsNorm ScatterNd Softmax SpaceToDepth
-    Split StridedSlice ThresholdedRelu Tile TopK Transpose TransposeConv2d TransposeConv3d constant input""".split()
-)
+RESERVED_TYPES = frozenset((
+    "Arg", "Batchnorm", "Cast", "ColorTransform", "Concat", "Conv2d", "Conv3d", "Convert",
+    "CreateSparse", "CumulativeSum", "DepthToSpace", "DepthWiseConv2d", "Dequantize", "ElementWiseMux",
+    "ElementWiseNeuron", "ElementWiseUnary", "Eltwise_Binary", "Eltwise_Ternary", "Eltwise_Unary",
+    "Expand", "ExpandDims", "FullyConnected", "Gather", "GatherElements", "GatherNd", "Gelu",
+    "GetSparseIndices", "GetSparseValues", "Gru", "HadamardTransform", "Identity", "InstanceNorm",
+    "Inverse", "L2Norm", "LayerNorm", "LogSoftmax", "Lrn", "Lstm", "MatMul", "Mean", "Neuron", "Pack",
+    "Pad", "Pool", "Pool3d", "Prelu", "Reduce", "ReduceL2", "Reshape", "Resize", "RmsNorm", "ScatterNd",
+    "Softmax", "SpaceToDepth", "Split", "StridedSlice", "ThresholdedRelu", "Tile", "TopK", "Transpose",
+    "TransposeConv2d", "TransposeConv3d", "constant", "input",
+))  # fmt: skip
 
 
 def converter(*op_types: str) -> Callable[[Converter], Converter]:
@@ -60,7 +62,9 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
         function(builder, node)
     except NotTyped as reason:
         if any(not op.for_layout for op in builder.plan.ops[planned:]):
-            raise AssertionError(f"converter of {node.label} planned ops before it refused: {reason}") from reason
+            raise AssertionError(
+                f"converter of {node.label} planned ops before it refused: {reason}"
+            ) from reason
         account.plain_reasons[node.name] = str(reason)
         plain_op(builder, node)
     except OnnxImportError as error:
@@ -129,5 +133,5 @@ def _attribute(node: Node, name: str) -> Attribute:
     if proto.type == AttributeProto.TENSOR:
         return Constant.from_proto(value, None).stored()
     raise OnnxImportError(
-        f"attribute '{name}' of kind {onnx.AttributeProto.AttributeType.Name(proto.type).lower()} can't be held"
+        f"attribute '{name}' of kind {AttributeProto.AttributeType.Name(proto.type).lower()} can't be held"
     )
