@@ -108,6 +108,15 @@ TEST_F(PatternTest, TheSecondAlternativeIsTriedFirst) {
   EXPECT_EQ(either->getMatchedOps(), (MatchedOps{{either, add}, {second, add}}));
 }
 
+TEST_F(PatternTest, ATreeDiesWithItsLastUser) {
+  // The root is among its own bindings, so bindings that owned their nodes would keep every tree alive.
+  auto root = makeOp("Add", makeOpType("Relu"));
+  ASSERT_TRUE(root->match(add));
+  const std::weak_ptr<Pattern> watched = root;
+  root.reset();
+  EXPECT_TRUE(watched.expired());
+}
+
 TEST_F(PatternTest, ANodeKeepsItsFirstOp) {
   const OpPtr both = addPlainOp(graph, "both", "Sub", {"a", "m"});
   const auto any = makeWildCard();

@@ -295,7 +295,7 @@ TEST(RemoveDeadOp, FollowsDeadProducersOnly) {
 }
 
 TEST(RemoveDeadOp, ALongDeadChainNeedsNoDeepStack) {
-  GraphPtr graph = makeChain(std::vector<std::string>(30000, "Relu"));
+  GraphPtr graph = makeChain(std::vector<std::string>(20000, "Relu"));
   removeDeadOp(graph, graph->getOps().back());
   EXPECT_EQ(graph->numOps(), 0u);
   EXPECT_EQ(graph->numTensors(), 1u);
