@@ -130,6 +130,8 @@ void IrGraph::prune(const OpPtr& given, bool force) {
       removeOpAsConsumer(consumer, output);
     }
     eraseTensor(output);
+    // The tensor may live on in the list of graph outputs; it must not keep the op.
+    if (output->getProducer() == op) output->clearProducer();
   }
   for (const TensorPtr& input : distinct(op->getInputs())) removeOpAsConsumer(op, input);
   order.erase(op.get());

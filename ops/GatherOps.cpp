@@ -29,8 +29,8 @@ std::int32_t axisWithinRank(const IrOp& op, const std::string& name, const char*
 
 // ---- Gather ----
 
-GatherOp::GatherOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Gather", attrs) {}
+GatherOp::GatherOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Gather", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(GatherOp)
 
 void GatherOp::canonicalizeOp(std::uint32_t numOutputs) {
@@ -75,8 +75,8 @@ std::vector<IrTensorShape> GatherOp::inferOutputTensorShapes(const std::shared_p
 
 // ---- GatherElements ----
 
-GatherElementsOp::GatherElementsOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "GatherElements", attrs) {}
+GatherElementsOp::GatherElementsOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "GatherElements", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(GatherElementsOp)
 
 void GatherElementsOp::canonicalizeOp(std::uint32_t numOutputs) {
@@ -93,8 +93,8 @@ std::vector<Dims> GatherElementsOp::inferOutputShapes(const std::shared_ptr<Axis
 
 // ---- GatherNd ----
 
-GatherNDOp::GatherNDOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "GatherNd", attrs) {
+GatherNDOp::GatherNDOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "GatherNd", attributes) {
   addDefault(getAttributes(), "batch_dims", std::int32_t{0}, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(GatherNDOp)

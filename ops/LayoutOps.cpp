@@ -51,8 +51,8 @@ std::string expandDimsRangeText(std::int32_t value, std::size_t index, std::uint
 
 // ---- ExpandDims ----
 
-ExpandDimsOp::ExpandDimsOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "ExpandDims", attrs) {}
+ExpandDimsOp::ExpandDimsOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "ExpandDims", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ExpandDimsOp)
 
 void ExpandDimsOp::canonicalizeOp(std::uint32_t numOutputs) {
@@ -111,8 +111,8 @@ std::vector<IrTensorShape> ExpandDimsOp::inferOutputTensorShapes(const std::shar
 
 // ---- Expand ----
 
-ExpandOp::ExpandOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Expand", attrs) {}
+ExpandOp::ExpandOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Expand", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ExpandOp)
 
 std::vector<Dims> ExpandOp::inferOutputShapes(const std::shared_ptr<AxisOrder>& axisOrder, std::uint32_t) {
@@ -133,8 +133,8 @@ std::vector<Dims> ExpandOp::inferOutputShapes(const std::shared_ptr<AxisOrder>& 
 
 // ---- Tile ----
 
-TileOp::TileOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Tile", attrs) {}
+TileOp::TileOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Tile", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(TileOp)
 
 std::vector<Dims> TileOp::inferOutputShapes(const std::shared_ptr<AxisOrder>&, std::uint32_t) {
@@ -152,8 +152,8 @@ std::vector<Dims> TileOp::inferOutputShapes(const std::shared_ptr<AxisOrder>&, s
 
 // ---- DepthToSpace, SpaceToDepth ----
 
-DepthToSpaceOp::DepthToSpaceOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "DepthToSpace", attrs) {
+DepthToSpaceOp::DepthToSpaceOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "DepthToSpace", attributes) {
   addDefault(getAttributes(), "mode", 0u, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(DepthToSpaceOp)
@@ -168,8 +168,8 @@ std::vector<Dims> DepthToSpaceOp::inferOutputShapes(const std::shared_ptr<AxisOr
                                        static_cast<std::uint32_t>(image.channels / block))};
 }
 
-SpaceToDepthOp::SpaceToDepthOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "SpaceToDepth", attrs) {
+SpaceToDepthOp::SpaceToDepthOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "SpaceToDepth", attributes) {
   addDefault(getAttributes(), "mode", 0u, ATTR_ORDINARY);
   addDefault(getAttributes(), "data_format", "NHWC", ATTR_EXTRA);
 }
@@ -186,8 +186,8 @@ std::vector<Dims> SpaceToDepthOp::inferOutputShapes(const std::shared_ptr<AxisOr
 
 // ---- ColorTransform ----
 
-ColorTransformOp::ColorTransformOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "ColorTransform", attrs) {}
+ColorTransformOp::ColorTransformOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "ColorTransform", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ColorTransformOp)
 
 }  // namespace netforge::ops

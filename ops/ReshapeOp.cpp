@@ -48,9 +48,9 @@ AxisFormat formatFromChannelRows(const Dims& dims, std::uint32_t rank) {
 
 }  // namespace
 
-ReshapeOp::ReshapeOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Reshape", attrs) {
-  requireSupplemental(getAttributes(), "netforge::ops::ReshapeOp::ReshapeOp", "shape", "attr", opName);
+ReshapeOp::ReshapeOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Reshape", attributes) {
+  requireSupplemental(getAttributes(), "netforge::ops::ReshapeOp::ReshapeOp", "shape", "attr", name);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ReshapeOp)
 

@@ -25,8 +25,8 @@ std::uint32_t splitDim(const IrOp& op, const Dims& dims, std::uint32_t axis, con
 
 // ---- Concat ----
 
-ConcatOp::ConcatOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Concat", attrs) {
+ConcatOp::ConcatOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Concat", attributes) {
   addDefault(getAttributes(), "axis", std::int32_t{-1}, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ConcatOp)
@@ -87,8 +87,8 @@ std::vector<IrTensorShape> ConcatOp::inferOutputTensorShapes(const std::shared_p
 
 // ---- Split ----
 
-SplitOp::SplitOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Split", attrs) {}
+SplitOp::SplitOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Split", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(SplitOp)
 
 void SplitOp::canonicalizeOp(std::uint32_t numOutputs) {
@@ -150,8 +150,8 @@ void SplitOp::resizeOp(const std::shared_ptr<AxisOrder>& axisOrder, std::uint32_
 
 // ---- Pack ----
 
-PackOp::PackOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Pack", attrs) {}
+PackOp::PackOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Pack", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(PackOp)
 
 void PackOp::canonicalizeOp(std::uint32_t numOutputs) {
@@ -182,8 +182,8 @@ std::vector<Dims> PackOp::inferOutputShapes(const std::shared_ptr<AxisOrder>&, s
 
 // ---- Pad ----
 
-PadOp::PadOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Pad", attrs) {
+PadOp::PadOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Pad", attributes) {
   addDefault(getAttributes(), "pad_constant_value", 0.0f, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(PadOp)

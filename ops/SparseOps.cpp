@@ -21,16 +21,17 @@ std::vector<std::uint32_t> sparseInputDims(const IrOp& op, const char* function)
 
 }  // namespace
 
-CreateSparseOp::CreateSparseOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "CreateSparse", attrs) {}
+CreateSparseOp::CreateSparseOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "CreateSparse", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(CreateSparseOp)
 
 std::vector<DataType> CreateSparseOp::inferOutputDataTypes(std::uint32_t) {
   return {getInput(1)->getDataType()};
 }
 
-GetSparseIndicesOp::GetSparseIndicesOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "GetSparseIndices", attrs) {}
+GetSparseIndicesOp::GetSparseIndicesOp(const std::string& name,
+                                       const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "GetSparseIndices", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(GetSparseIndicesOp)
 
 std::vector<std::vector<std::uint32_t>> GetSparseIndicesOp::inferOutputShapes(
@@ -44,8 +45,8 @@ std::vector<DataType> GetSparseIndicesOp::inferOutputDataTypes(std::uint32_t) {
   return {ORLO_DATATYPE_INT_32};
 }
 
-GetSparseValuesOp::GetSparseValuesOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "GetSparseValues", attrs) {}
+GetSparseValuesOp::GetSparseValuesOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "GetSparseValues", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(GetSparseValuesOp)
 
 std::vector<std::vector<std::uint32_t>> GetSparseValuesOp::inferOutputShapes(

@@ -65,8 +65,8 @@ bool hasBit(std::uint32_t mask, std::uint32_t bit) {
 
 }  // namespace
 
-StridedSliceOp::StridedSliceOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "StridedSlice", attrs) {
+StridedSliceOp::StridedSliceOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "StridedSlice", attributes) {
   for (const char* mask : {"begin_mask", "end_mask", "shrink_axes", "new_axes_mask"}) {
     addDefault(getAttributes(), mask, 0u, ATTR_ORDINARY);
   }

@@ -53,11 +53,11 @@ AxisFormat transposedFormat(AxisFormat input, const Order& order) {
 
 }  // namespace
 
-TransposeOp::TransposeOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Transpose", attrs) {}
+TransposeOp::TransposeOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Transpose", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(TransposeOp)
-TransposeOp::TransposeOp(const std::string& opName, const std::vector<std::uint32_t>& order)
-    : TransposeOp(opName, attributesOfOrder(opName, order)) {}
+TransposeOp::TransposeOp(const std::string& name, const std::vector<std::uint32_t>& order)
+    : TransposeOp(name, attributesOfOrder(name, order)) {}
 
 void TransposeOp::canonicalizeOp(std::uint32_t numOutputs) {
   IrOp::canonicalizeOp(numOutputs);

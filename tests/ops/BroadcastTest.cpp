@@ -86,6 +86,7 @@ TEST(Broadcast, ShapesCarryTheirDynamicAxes) {
       {IrTensorShape({1}, {0}), IrTensorShape({1}), IrTensorShape({1}, {0})},
       {IrTensorShape({1}), IrTensorShape({1}, {0}), IrTensorShape({1}, {0})},
       {IrTensorShape({1}, {0}), IrTensorShape({5}), std::nullopt},
+      {IrTensorShape({5}), IrTensorShape({1}, {0}), std::nullopt},
       {IrTensorShape({5}, {0}), IrTensorShape({5}), std::nullopt},
       {IrTensorShape({5}, {0}), IrTensorShape({7}, {0}), std::nullopt},
   };

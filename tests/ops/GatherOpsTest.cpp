@@ -43,9 +43,8 @@ TEST(GatherNDOp, BatchDimsAndCoordinates) {
     Dims data, indices, result;
   };
   const std::vector<Case> cases{
-      {0, {2, 3, 4}, {5, 2}, {5, 4}},       {0, {2, 3, 4}, {5, 3}, {5}},
-      {1, {2, 3, 4}, {2, 5, 1}, {2, 5, 4}}, {1, {2, 3, 4}, {2, 2}, {2}},
-      {-2, {2, 3, 4}, {2, 1}, {2, 4}},
+      {0, {2, 3, 4}, {5, 2}, {5, 4}}, {0, {2, 3, 4}, {5, 3}, {5}},     {1, {2, 3, 4}, {2, 5, 1}, {2, 5, 4}},
+      {1, {2, 3, 4}, {2, 2}, {2}},    {-2, {2, 3, 4}, {2, 1}, {2, 4}},
   };
   for (const Case& test : cases) {
     const Tensor output = tensor({9, 9}, {0});
@@ -61,8 +60,8 @@ TEST(GatherNDOp, BatchDimsAndCoordinates) {
 }
 
 TEST(GatherNDOp, CostAndIndexLayout) {
-  const auto op = build<GatherNDOp>({}, {tensor({2, 3}, {}, AxisFormat::NF), tensor({4, 1}, {}, AxisFormat::NF)},
-                                    {tensor({7, 2, 3, 5})});
+  const auto op = build<GatherNDOp>(
+      {}, {tensor({2, 3}, {}, AxisFormat::NF), tensor({4, 1}, {}, AxisFormat::NF)}, {tensor({7, 2, 3, 5})});
   EXPECT_EQ(op->macs(spatialFirst), 30u);
   op->overrideDataAxisFormats(spatialFirst);
   EXPECT_EQ(op.inputs[0]->getAxisFormat(), AxisFormat::NF);
@@ -95,14 +94,16 @@ TEST(GatherOps, Failures) {
   const std::string ndText = "netforge::ops::GatherNDOp::inferOutputShapes: The ";
   const Tensor x = tensor({2, 3});
   expectFailures({
-      {invalid, "netforge::ops::GatherOp::canonicalizeOp: GatherOp op axis provided, 2, is incorrect for rank 2.",
+      {invalid,
+       "netforge::ops::GatherOp::canonicalizeOp: GatherOp op axis provided, 2, is incorrect for rank 2.",
        canonicalize(build<GatherOp>(Attrs().set("axis", 2), {x, x}))},
       {invalid,
        "netforge::ops::GatherElementsOp::canonicalizeOp: GatherElementsOp op axis provided, -3, is incorrect "
        "for rank 2.",
        canonicalize(build<GatherElementsOp>(Attrs().set("axis", -3), {x, x}))},
       {invalid,
-       "netforge::ops::GatherNDOp::canonicalizeOp: GatherNDOp op batch_dims provided, 2, is incorrect for rank "
+       "netforge::ops::GatherNDOp::canonicalizeOp: GatherNDOp op batch_dims provided, 2, is incorrect for "
+       "rank "
        "2.",
        canonicalize(nd(2, {2, 3}, {2, 3}))},
       {invalid,
@@ -119,8 +120,9 @@ TEST(GatherOps, Failures) {
                 "batch_dims=1, data.rank=2, indices.rank=1",
        infer(nd(1, {2, 3}, {2}))},
       {runtime,
-       ndText + "first 1 dimensions in the shape of indices tensor and data tensor must be equal for op op, "
-                "but at dimension 0: data shape=" +
+       ndText +
+           "first 1 dimensions in the shape of indices tensor and data tensor must be equal for op op, "
+           "but at dimension 0: data shape=" +
            shapeText(IrTensorShape({2, 3})) + ", indices shape=" + shapeText(IrTensorShape({3, 1})),
        infer(nd(1, {2, 3}, {3, 1}))},
       {runtime,

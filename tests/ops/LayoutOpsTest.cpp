@@ -48,10 +48,10 @@ TEST(TransposeOp, OutputLayoutFollowsTheLetters) {
       if (result != input) named.insert(letters + ">" + permuted);
     } while (std::next_permutation(order.begin(), order.end()));
   }
-  EXPECT_EQ(named, (std::set<std::string>{
-                       "NDHWC>NCDHW", "NCDHW>NDHWC", "NHWC>NCHW", "NCHW>NHWC", "NFC>NCF", "NCF>NFC",
-                       "NTF>TNF", "TNF>NTF", "OIDHW>DHWIO", "IODHW>DHWIO", "DHWIO>IODHW", "DHWIO>OIDHW",
-                       "OIHW>HWIO", "IOHW>HWIO", "HWIO>IOHW", "HWIO>OIHW"}));
+  EXPECT_EQ(named, (std::set<std::string>{"NDHWC>NCDHW", "NCDHW>NDHWC", "NHWC>NCHW", "NCHW>NHWC", "NFC>NCF",
+                                          "NCF>NFC", "NTF>TNF", "TNF>NTF", "OIDHW>DHWIO", "IODHW>DHWIO",
+                                          "DHWIO>IODHW", "DHWIO>OIDHW", "OIHW>HWIO", "IOHW>HWIO", "HWIO>IOHW",
+                                          "HWIO>OIHW"}));
 }
 
 TEST(TransposeOp, OnlyTheIdentityOfFourAxesKeepsALayout) {
@@ -83,10 +83,15 @@ TEST(ReshapeOp, CalculateShape) {
     Dims result;
   };
   const std::vector<Case> cases{
-      {{2, 3, 4}, {0, -1}, {2, 12}},  {{2, 3, 4}, {4, 0, 2}, {4, 3, 2}},    {{2, 3, 4}, {-1, 0, 2}, {4, 3, 2}},
+      {{2, 3, 4}, {0, -1}, {2, 12}},
+      {{2, 3, 4}, {4, 0, 2}, {4, 3, 2}},
+      {{2, 3, 4}, {-1, 0, 2}, {4, 3, 2}},
       {{6}, {2}, {6}},  // a smaller product grows in its first dim
-      {{2, 3, 4}, {2, 3}, {8, 3}},    {{5}, {1, 5, 1}, {1, 5, 1}},          {{}, {1, 1}, {1, 1}},
-      {{1}, {}, {}},                  {{65536, 65536}, {-1, 2}, {0x80000000u, 2}},
+      {{2, 3, 4}, {2, 3}, {8, 3}},
+      {{5}, {1, 5, 1}, {1, 5, 1}},
+      {{}, {1, 1}, {1, 1}},
+      {{1}, {}, {}},
+      {{65536, 65536}, {-1, 2}, {0x80000000u, 2}},
   };
   for (const Case& test : cases) {
     EXPECT_EQ(ReshapeOp::calculateShape("op", test.input, test.shape), test.result);
@@ -100,14 +105,22 @@ TEST(ReshapeOp, OutputLayout) {
     const char* output;
   };
   const std::vector<Case> cases{
-      {"NCHW", {4, 3, 2, 2}, {4, 12}, "NF"},           {"NCHW", {4, 3, 2, 2}, {2, 24}, "NONTRIVIAL"},
-      {"NCHW", {4, 3, 2, 2}, {4, 6, 2}, "NONTRIVIAL"}, {"NF", {4, 12}, {4, 12}, "NONTRIVIAL"},
-      {"NDHWC", {4, 3, 2, 2, 5}, {4, 60}, "NF"},       {"NC", {4, 6}, {4, 6, 1, 1, 1}, "NCDHW"},
-      {"NC", {4, 6}, {4, 1, 1, 1, 6}, "NDHWC"},        {"NC", {4, 6}, {4, 1, 1, 6}, "NHWC"},
-      {"NC", {4, 6}, {4, 6, 1, 1}, "NCHW"},            {"NC", {4, 6}, {4, 1, 6}, "NFC"},
-      {"NC", {4, 6}, {4, 6, 1}, "NCF"},                {"NC", {4, 6}, {4, 2, 3}, "NONTRIVIAL"},
-      {"NC", {4, 1}, {4, 1, 1, 1}, "NCHW"},            {"NC", {4, 6}, {6, 4, 1, 1}, "NONTRIVIAL"},
-      {"NC", {4, 6}, {4, 6}, "NONTRIVIAL"},            {"NC", {4, 6}, {4, 1, 2, 3}, "NONTRIVIAL"},
+      {"NCHW", {4, 3, 2, 2}, {4, 12}, "NF"},
+      {"NCHW", {4, 3, 2, 2}, {2, 24}, "NONTRIVIAL"},
+      {"NCHW", {4, 3, 2, 2}, {4, 6, 2}, "NONTRIVIAL"},
+      {"NF", {4, 12}, {4, 12}, "NONTRIVIAL"},
+      {"NDHWC", {4, 3, 2, 2, 5}, {4, 60}, "NF"},
+      {"NC", {4, 6}, {4, 6, 1, 1, 1}, "NCDHW"},
+      {"NC", {4, 6}, {4, 1, 1, 1, 6}, "NDHWC"},
+      {"NC", {4, 6}, {4, 1, 1, 6}, "NHWC"},
+      {"NC", {4, 6}, {4, 6, 1, 1}, "NCHW"},
+      {"NC", {4, 6}, {4, 1, 6}, "NFC"},
+      {"NC", {4, 6}, {4, 6, 1}, "NCF"},
+      {"NC", {4, 6}, {4, 2, 3}, "NONTRIVIAL"},
+      {"NC", {4, 1}, {4, 1, 1, 1}, "NCHW"},
+      {"NC", {4, 6}, {6, 4, 1, 1}, "NONTRIVIAL"},
+      {"NC", {4, 6}, {4, 6}, "NONTRIVIAL"},
+      {"NC", {4, 6}, {4, 1, 2, 3}, "NONTRIVIAL"},
   };
   std::map<std::string, AxisFormat> formats;
   for (std::uint32_t value = 0; value <= 11; ++value) {
@@ -155,8 +168,7 @@ TEST(LayoutOps, Failures) {
   const std::string reshape =
       "netforge::ops::ReshapeOp::calculateShape: Unable to calculate ReshapeOp output shape for op op: ";
   const std::string axes = "netforge::ops::ExpandDimsOp::canonicalizeOp: ExpandDimsOp axis value ";
-  const std::string zeroBlock =
-      ", which causes division by zero when calculating output dimensions. block_";
+  const std::string zeroBlock = ", which causes division by zero when calculating output dimensions. block_";
   const auto check = [](const Attrs& attrs, const std::vector<Tensor>& inputs) {
     return [=] { build<TransposeOp>(attrs, inputs)->checkOrderAndInput(); };
   };
@@ -179,11 +191,9 @@ TEST(LayoutOps, Failures) {
        check(Attrs().list("perm", {0, 1, 2}, {1, 3}), {x})},
       {invalid, transpose + "order dim 2 is not equal input rank 3.",
        check(Attrs().list("perm", {0, 1}), {x})},
-      {invalid,
-       transpose + "illegal order. Axis value 0 at index 2 is either duplicate or >= input rank 3",
+      {invalid, transpose + "illegal order. Axis value 0 at index 2 is either duplicate or >= input rank 3",
        check(Attrs().list("perm", {0, 1, 0}), {x})},
-      {invalid,
-       transpose + "illegal order. Axis value 3 at index 1 is either duplicate or >= input rank 3",
+      {invalid, transpose + "illegal order. Axis value 3 at index 1 is either duplicate or >= input rank 3",
        check(Attrs().list("perm", {0, 3, 1}), {x})},
       {invalid,
        "netforge::ops::TransposeOp::populateOutputAxisFormats: TransposeOp op error: TransposeOp expect 1 "
@@ -221,7 +231,8 @@ TEST(LayoutOps, Failures) {
        "netforge::ops::ExpandOp::inferOutputShapes: Unable to calculate ExpandOp output shape for op op. The "
        "value of output_shape parameter must be greater than 0. But got -1 at index 1.",
        infer(build<ExpandOp>(Attrs().list("shape", {2, -1, 4}), {x}))},
-      {invalid, "netforge::ops::TileOp::inferOutputShapes: TileOp (op) multiples length 2 doesn't equal input rank 3",
+      {invalid,
+       "netforge::ops::TileOp::inferOutputShapes: TileOp (op) multiples length 2 doesn't equal input rank 3",
        infer(build<TileOp>(Attrs().list("multiples", {2, 1}), {x}))},
       {invalid,
        "netforge::ops::TileOp::inferOutputShapes: IrOp op of type Tile has dynamic inputs. Use "

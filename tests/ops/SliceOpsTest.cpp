@@ -145,7 +145,8 @@ TEST(SliceOps, Failures) {
       {invalid,
        "netforge::ops::ConcatOp::canonicalizeOp: ConcatOp op axis provided, -3, is incorrect for rank 2.",
        canonicalize(build<ConcatOp>(Attrs().set("axis", -3), {x}))},
-      {invalid, concatText + "Axis 2 is out of bounds for tensor with shape " + shapeText(IrTensorShape({2, 3})),
+      {invalid,
+       concatText + "Axis 2 is out of bounds for tensor with shape " + shapeText(IrTensorShape({2, 3})),
        concat(2, {2, 3}, {2, 3})},
       {invalid,
        concatText + "Cannot Concat inputs with different ranks " +
@@ -175,7 +176,8 @@ TEST(SliceOps, Failures) {
       {invalid, "netforge::ops::SplitOp::canonicalizeOp: SplitOp op axis 4 is incorrect for rank 2.",
        canonicalize(build<SplitOp>(Attrs().set("axis", 4).list("split_index", {}), {x}), 2)},
       {invalid,
-       "netforge::ops::SplitOp::inferOutputShapes: SplitOp op split_index must ascend up to the size 10 of axis "
+       "netforge::ops::SplitOp::inferOutputShapes: SplitOp op split_index must ascend up to the size 10 of "
+       "axis "
        "1, but 10 follows 12.",
        infer(build<SplitOp>(Attrs().set("axis", 1u).list("split_index", {3, 12}), {x}))},
       {invalid,
@@ -191,11 +193,13 @@ TEST(SliceOps, Failures) {
       {invalid, "netforge::ops::PackOp::canonicalizeOp: PackOp op axis = -1, is incorrect for rank 2.",
        canonicalize(build<PackOp>(Attrs().set("axis", -3), {x}))},
       {invalid,
-       "netforge::ops::PadOp::inferOutputShapes: Input Pad shape for op op dims()[1] must be equal with 2, but "
+       "netforge::ops::PadOp::inferOutputShapes: Input Pad shape for op op dims()[1] must be equal with 2, "
+       "but "
        "get:3",
        infer(build<PadOp>(Attrs().list("pad_amount", {1, 1, 1, 1, 1, 1}, {2, 3}), {x}))},
       {invalid,
-       "netforge::ops::PadOp::inferOutputShapes: Input Pad shape (3) for op op must be equal to Input[0] rank "
+       "netforge::ops::PadOp::inferOutputShapes: Input Pad shape (3) for op op must be equal to Input[0] "
+       "rank "
        "(2).",
        infer(build<PadOp>(Attrs().list("pad_amount", {1, 1, 1, 1, 1, 1}, {3, 2}), {x}))},
   });

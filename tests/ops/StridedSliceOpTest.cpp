@@ -117,8 +117,8 @@ TEST(StridedSliceOp, NewAndShrunkAxes) {
 }
 
 TEST(StridedSliceOp, DynamicAxes) {
-  const auto op = build<StridedSliceOp>(Attrs().list("ranges", {1, 4, 1, 0, 8, 1, 0, 9, 4}),
-                                        {tensor({7, 8, 9}, {0, 1})});
+  const auto op =
+      build<StridedSliceOp>(Attrs().list("ranges", {1, 4, 1, 0, 8, 1, 0, 9, 4}), {tensor({7, 8, 9}, {0, 1})});
   EXPECT_EQ(op->inferOutputTensorShapes(spatialFirst, 1),
             std::vector<IrTensorShape>{IrTensorShape({3, 8, 3}, {1})});
 
@@ -153,9 +153,7 @@ TEST(StridedSliceOp, Failures) {
     };
   };
   const auto dynamicSize = [&](std::int32_t begin, std::int32_t end, std::int32_t stride) {
-    return [=] {
-      build<StridedSliceOp>(Attrs(), {dynamic})->calcSliceSizeDynamic(begin, end, stride, 1);
-    };
+    return [=] { build<StridedSliceOp>(Attrs(), {dynamic})->calcSliceSizeDynamic(begin, end, stride, 1); };
   };
   const std::string canonical = "netforge::ops::StridedSliceOp::canonicalizeOp: ";
   const std::string inference = "netforge::ops::StridedSliceOp::inferOutputTensorShapes: ";
@@ -167,7 +165,8 @@ TEST(StridedSliceOp, Failures) {
       // The bounds are reported as they were given.
       {invalid, canonical + "invalid stride 1 for begin -2 and end -4 at axis 0", canonicalize({-2, -4, 1})},
       {invalid, canonical + "invalid stride 2 for begin 5 and end 9 at axis 0", canonicalize({5, 9, 2})},
-      {invalid, canonical + "invalid stride -1 for begin -9 and end -9 at axis 0", canonicalize({-9, -9, -1})},
+      {invalid, canonical + "invalid stride -1 for begin -9 and end -9 at axis 0",
+       canonicalize({-9, -9, -1})},
       {typeid(std::out_of_range), "Index out of bounds for IrStaticTensor", canonicalize({0, 5})},
       {invalid, inference + "invalid stride 0 for begin 0 and end 5 at axis 0",
        infer(Attrs().list("ranges", {0, 5, 0}), {x})},
