@@ -94,7 +94,7 @@ TEST_F(PatternTest, BindsEveryNodeOnTheWayButWildcardsAndTensors) {
                                {typeOf(inner), add}}));
   EXPECT_EQ(root->getConsumerPatterns(),
             (ConsumerPatterns{{either, {root}}, {wrapped, {either}}, {inner, {wrapped}}, {any, {inner}}}));
-  EXPECT_EQ(messageOf([&] { root->getMatchedOps().at(any); }), "invalid map<K, T> key");
+  EXPECT_EQ(failureOf<std::out_of_range>([&] { root->getMatchedOps().at(any); }), "invalid map<K, T> key");
 
   EXPECT_FALSE(root->match(relu));
   EXPECT_EQ(root->getMatchedOps(), bound) << "a failure keeps the bindings of the last success";
