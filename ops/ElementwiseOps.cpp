@@ -28,9 +28,9 @@ constexpr std::array<std::uint32_t, 9> boolOperations = {1, 3, 6, 7, 8, 9, 14, 1
 
 // Eltwise_Binary
 
-ElementwiseBinaryOp::ElementwiseBinaryOp(const std::string& opName,
-                                         const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Eltwise_Binary", attrs) {}
+ElementwiseBinaryOp::ElementwiseBinaryOp(const std::string& name,
+                                         const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Eltwise_Binary", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ElementwiseBinaryOp)
 
 std::uint64_t ElementwiseBinaryOp::macs(const std::shared_ptr<AxisOrder>&) {
@@ -67,11 +67,11 @@ void ElementwiseBinaryOp::populateOutputAxisFormats(const std::shared_ptr<AxisOr
 
 // Eltwise_Ternary
 
-ElementwiseTernaryOp::ElementwiseTernaryOp(const std::string& opName,
-                                           const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Eltwise_Ternary", attrs) {
+ElementwiseTernaryOp::ElementwiseTernaryOp(const std::string& name,
+                                           const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Eltwise_Ternary", attributes) {
   requireSupplemental(getAttributes(), "netforge::ops::ElementwiseTernaryOp::ElementwiseTernaryOp",
-                      "eltwise_type", "attribute", opName);
+                      "eltwise_type", "attribute", name);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ElementwiseTernaryOp)
 
@@ -107,8 +107,9 @@ void ElementwiseTernaryOp::populateOutputAxisFormats(const std::shared_ptr<AxisO
 
 // Eltwise_Unary
 
-ElementwiseUnaryOp::ElementwiseUnaryOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Eltwise_Unary", attrs) {}
+ElementwiseUnaryOp::ElementwiseUnaryOp(const std::string& name,
+                                       const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Eltwise_Unary", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ElementwiseUnaryOp)
 
 std::vector<IrTensorShape> ElementwiseUnaryOp::inferOutputTensorShapes(const std::shared_ptr<AxisOrder>&,
@@ -118,8 +119,8 @@ std::vector<IrTensorShape> ElementwiseUnaryOp::inferOutputTensorShapes(const std
 
 // ElementWiseMux
 
-ElementWiseMuxOp::ElementWiseMuxOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "ElementWiseMux", attrs) {}
+ElementWiseMuxOp::ElementWiseMuxOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "ElementWiseMux", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ElementWiseMuxOp)
 
 std::vector<std::vector<std::uint32_t>> ElementWiseMuxOp::inferOutputShapes(
@@ -142,9 +143,9 @@ std::vector<DataType> ElementWiseMuxOp::inferOutputSrcDataTypes(std::uint32_t) {
 
 // ElementWiseNeuron
 
-ElementwiseNeuronOp::ElementwiseNeuronOp(const std::string& opName,
-                                         const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "ElementWiseNeuron", attrs) {
+ElementwiseNeuronOp::ElementwiseNeuronOp(const std::string& name,
+                                         const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "ElementWiseNeuron", attributes) {
   const auto& table = getAttributes();
   switch (table->getAttr<std::uint32_t>("operation")) {
     case NeuronElu:
@@ -187,8 +188,8 @@ std::vector<IrTensorShape> ElementwiseNeuronOp::inferOutputTensorShapes(const st
 
 // Mean
 
-ElementwiseMeanOp::ElementwiseMeanOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Mean", attrs) {}
+ElementwiseMeanOp::ElementwiseMeanOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Mean", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ElementwiseMeanOp)
 
 std::uint64_t ElementwiseMeanOp::macs(const std::shared_ptr<AxisOrder>&) {
@@ -217,8 +218,8 @@ void ElementwiseMeanOp::populateOutputAxisFormats(const std::shared_ptr<AxisOrde
 
 // Prelu
 
-PreluOp::PreluOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Prelu", attrs) {}
+PreluOp::PreluOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Prelu", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(PreluOp)
 
 std::uint64_t PreluOp::macs(const std::shared_ptr<AxisOrder>&) {
@@ -240,8 +241,8 @@ std::vector<std::vector<std::uint32_t>> PreluOp::inferOutputShapes(const std::sh
 
 // ThresholdedRelu
 
-ThresholdedReluOp::ThresholdedReluOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "ThresholdedRelu", attrs) {}
+ThresholdedReluOp::ThresholdedReluOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "ThresholdedRelu", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(ThresholdedReluOp)
 
 std::vector<std::vector<std::uint32_t>> ThresholdedReluOp::inferOutputShapes(
@@ -252,16 +253,16 @@ std::vector<std::vector<std::uint32_t>> ThresholdedReluOp::inferOutputShapes(
 
 // Cast, Convert, Dequantize
 
-CastOp::CastOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Cast", attrs) {}
+CastOp::CastOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Cast", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(CastOp)
 
 std::vector<IrTensorShape> CastOp::inferOutputTensorShapes(const std::shared_ptr<AxisOrder>&, std::uint32_t) {
   return inferFirstInputShape(*this);
 }
 
-ConvertOp::ConvertOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Convert", attrs) {
+ConvertOp::ConvertOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Convert", attributes) {
   addDefault(getAttributes(), "dynamic_input_data", false, ATTR_ORDINARY);
   addDefault(getAttributes(), "dynamic_output_data", false, ATTR_ORDINARY);
 }
@@ -272,8 +273,8 @@ std::vector<IrTensorShape> ConvertOp::inferOutputTensorShapes(const std::shared_
   return inferFirstInputShape(*this);
 }
 
-DequantizeOp::DequantizeOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Dequantize", attrs) {}
+DequantizeOp::DequantizeOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Dequantize", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(DequantizeOp)
 
 void DequantizeOp::addOutput(const std::shared_ptr<IrTensor>& tensor, std::int32_t idx) {

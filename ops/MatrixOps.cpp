@@ -43,8 +43,8 @@ std::uint64_t productFrom(const Dims& dims, std::size_t begin) {
 
 // MatMul
 
-MatMulOp::MatMulOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "MatMul", attrs) {
+MatMulOp::MatMulOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "MatMul", attributes) {
   addDefault(getAttributes(), "transpose_in0", false, ATTR_ORDINARY);
   addDefault(getAttributes(), "transpose_in1", false, ATTR_ORDINARY);
 }
@@ -119,8 +119,8 @@ std::vector<IrTensorShape> MatMulOp::inferOutputTensorShapes(const std::shared_p
 
 // FullyConnected
 
-FullyConnectedOp::FullyConnectedOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "FullyConnected", attrs) {
+FullyConnectedOp::FullyConnectedOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "FullyConnected", attributes) {
   addDefault(getAttributes(), "keep_dims", false, ATTR_ORDINARY);
   addDefault(getAttributes(), "transpose_a", false, ATTR_EXTRA);
   addDefault(getAttributes(), "transpose_b", true, ATTR_EXTRA);
@@ -189,8 +189,8 @@ void FullyConnectedOp::resizeOp(const std::shared_ptr<AxisOrder>&, std::uint32_t
 
 // Inverse
 
-InverseOp::InverseOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Inverse", attrs) {}
+InverseOp::InverseOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Inverse", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(InverseOp)
 
 std::vector<Dims> InverseOp::inferOutputShapes(const std::shared_ptr<AxisOrder>&, std::uint32_t) {
@@ -216,9 +216,9 @@ std::vector<Dims> InverseOp::inferOutputShapes(const std::shared_ptr<AxisOrder>&
 
 // HadamardTransform
 
-HadamardTransformOp::HadamardTransformOp(const std::string& opName,
-                                         const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "HadamardTransform", attrs) {
+HadamardTransformOp::HadamardTransformOp(const std::string& name,
+                                         const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "HadamardTransform", attributes) {
   addDefault(getAttributes(), "scale", 1.0f, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(HadamardTransformOp)

@@ -10,8 +10,8 @@ using Dims = std::vector<std::uint32_t>;
 
 // Batchnorm
 
-BatchnormOp::BatchnormOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Batchnorm", attrs) {}
+BatchnormOp::BatchnormOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Batchnorm", attributes) {}
 NETFORGE_OP_TENSOR_CONSTRUCTOR(BatchnormOp)
 
 std::uint64_t BatchnormOp::macs(const std::shared_ptr<AxisOrder>&) {
@@ -30,8 +30,8 @@ void BatchnormOp::overrideDataAxisFormats(const std::shared_ptr<AxisOrder>& axis
 
 // LayerNorm
 
-LayerNormOp::LayerNormOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "LayerNorm", attrs) {
+LayerNormOp::LayerNormOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "LayerNorm", attributes) {
   addDefault(getAttributes(), "epsilon", 0.001f, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(LayerNormOp)
@@ -58,8 +58,8 @@ std::vector<Dims> LayerNormOp::inferOutputShapes(const std::shared_ptr<AxisOrder
 
 // RmsNorm
 
-RMSNormOp::RMSNormOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "RmsNorm", attrs) {
+RMSNormOp::RMSNormOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "RmsNorm", attributes) {
   addDefault(getAttributes(), "epsilon", 0.001f, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(RMSNormOp)
@@ -79,8 +79,8 @@ std::vector<IrTensorShape> RMSNormOp::inferOutputTensorShapes(const std::shared_
 
 // Softmax
 
-SoftmaxOp::SoftmaxOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "Softmax", attrs) {
+SoftmaxOp::SoftmaxOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "Softmax", attributes) {
   addDefault(getAttributes(), "axis", std::int32_t{-1}, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(SoftmaxOp)
@@ -99,8 +99,8 @@ std::vector<IrTensorShape> SoftmaxOp::inferOutputTensorShapes(const std::shared_
 
 // TopK
 
-TopKOp::TopKOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-    : IrOp(opName, "TopK", attrs) {
+TopKOp::TopKOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+    : IrOp(name, "TopK", attributes) {
   addDefault(getAttributes(), "largest", true, ATTR_ORDINARY);
 }
 NETFORGE_OP_TENSOR_CONSTRUCTOR(TopKOp)

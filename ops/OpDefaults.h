@@ -10,14 +10,13 @@
 /// Helpers of the op classes' constructors. Every op class has two of them, and they read the same
 /// everywhere:
 ///
-///   CastOp::CastOp(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs)
-///       : IrOp(opName, "Cast", attrs) {
+///   CastOp::CastOp(const std::string& name, const std::shared_ptr<IrAttributes>& attributes)
+///       : IrOp(name, "Cast", attributes) {
 ///     addDefault(getAttributes(), "some_flag", false, ATTR_ORDINARY);
 ///   }
 ///   NETFORGE_OP_TENSOR_CONSTRUCTOR(CastOp)
 ///
 /// Defaults go through getAttributes() and never through the argument, which may be null.
-/// The parameters are not called `name` and `attributes`, since IrOp has members of these names.
 
 namespace netforge::ops {
 
@@ -35,7 +34,7 @@ void addDefaultTensor(const std::shared_ptr<IrAttributes>& attributes, const std
                       const std::vector<std::uint32_t>& values, AttrClass attrClass);
 
 /// A static tensor of unsigned 32-bit values that owns its bytes: type static, both axis formats not yet
-/// defined. `dims` must multiply to the number of values.
+/// defined. `dims` are taken as given; elements beyond the values cannot be read.
 std::shared_ptr<IrStaticTensor> makeUint32Tensor(const std::string& name,
                                                  const std::vector<std::uint32_t>& dims,
                                                  const std::vector<std::uint32_t>& values);
@@ -50,10 +49,10 @@ void requireSupplemental(const std::shared_ptr<IrAttributes>& attributes, const 
 
 /// Defines the four-argument constructor of an op class. The tensors are attached in the body of the concrete
 /// class, so that its own override of addOutput applies.
-#define NETFORGE_OP_TENSOR_CONSTRUCTOR(Class)                                                                \
-  Class::Class(const std::string& opName, const std::shared_ptr<IrAttributes>& attrs, const TensorList& ins, \
-               const TensorList& outs)                                                                       \
-      : Class(opName, attrs) {                                                                               \
-    setInputs(ins);                                                                                          \
-    setOutputs(outs);                                                                                        \
+#define NETFORGE_OP_TENSOR_CONSTRUCTOR(Class)                                            \
+  Class::Class(const std::string& name, const std::shared_ptr<IrAttributes>& attributes, \
+               const TensorList& tensorsIn, const TensorList& tensorsOut)                \
+      : Class(name, attributes) {                                                        \
+    setInputs(tensorsIn);                                                                \
+    setOutputs(tensorsOut);                                                              \
   }

@@ -1,0 +1,102 @@
+// Rewrite utilities that test and move the links between tensors and ops.
+#include <algorithm>
+#include <stdexcept>
+#include "GraphRefiner/src/RewriteUtilities.h"
+#include "ir/Failure.h"
+#include "ir/IrGraph.h"
+
+namespace netforge::graphrefiner {
+
+using GraphPtr = std::shared_ptr<IrGraph>;
+using OpPtr = std::shared_ptr<ops::IrOp>;
+using TensorPtr = std::shared_ptr<IrTensor>;
+
+bool isGraphOutput(const TensorPtr& tensor) {
+  switch (tensor->getTensorType()) {
+    case TensorType::GraphOutput:
+    case TensorType::GraphInputOutput:
+    case TensorType::OptionalOutput:
+    case TensorType::OptionalInputOutput:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool canSquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, bool keepInput) {
+  if (!op || !input || op->numOutputs() != 1 || graph->getTensor(input->getName()) != input) return false;
+  const auto inputs = op->getInputs();
+  if (std::find(inputs.begin(), inputs.end(), input) == inputs.end()) return false;
+  const TensorPtr output = op->getOutput(0);
+  const auto graphOutputs = graph->getGraphOutputs();
+  const auto isListed = [&](const TensorPtr& tensor) {
+    return std::find(graphOutputs.begin(), graphOutputs.end(), tensor) != graphOutputs.end();
+  };
+  const bool outputListed = isListed(output);
+  if (input->isStatic() && op->getType() == "Reshape" && outputListed &&
+      input->getShape() == output->getShape()) {
+    return false;
+  }
+  if (!keepInput && input->getProducer() && input->getConsumers().size() == 1 && !isListed(input))
+    return true;
+  return !output->getConsumers().empty() && !outputListed;
+}
+
+void manageSharedStaticInput(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index) {
+  const OpPtr op = givenOp;
+  const TensorPtr shared = op->getInput(index);
+  if (shared->getConsumers().size() < 2) return;
+  const std::string name = op->getName() + (index == 1 ? "_kernel_weight" : "_kernel_bias");
+  if (const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(shared))
+    graph->addTensor(name, constant);
+  const TensorPtr copy = graph->getTensor(name);
+  if (!copy) fail<std::runtime_error>("manageSharedStaticInput", "Failed to clone static tensor: ", name);
+  graph->updateTraceInfo(std::vector<TensorPtr>{copy}, {shared}, {}, false);
+  op->setInput(copy, index);
+  copy->addConsumer(op);
+  const auto inputs = op->getInputs();
+  if (std::find(inputs.begin(), inputs.end(), shared) == inputs.end()) shared->removeConsumer(op);
+}
+
+void replaceAllUsers(const GraphPtr& graph, const TensorPtr& givenNew, const TensorPtr& givenOld,
+                     bool strict) {
+  constexpr const char* kFunction = "replaceAllUsers";
+  const TensorPtr newTensor = givenNew;
+  const TensorPtr oldTensor = givenOld;
+  for (const OpPtr& consumer : consumersInGraphOrder(*graph, oldTensor->getConsumers())) {
+    if (strict && newTensor->getQuantInfo() != oldTensor->getQuantInfo()) {
+      fail<std::runtime_error>(kFunction, "QInfo must match for both the tensors");
+    }
+    if (strict && newTensor->getDataType() != oldTensor->getDataType()) {
+      fail<std::runtime_error>(kFunction, "DataType must match for both the tensors");
+    }
+    if (!hasSameDims(newTensor, oldTensor)) {
+      fail<std::runtime_error>(kFunction, "Dimensions must match for both the tensors");
+    }
+    consumer->replaceInputTensor(oldTensor, newTensor);
+    newTensor->addConsumer(consumer);
+  }
+  oldTensor->clearConsumers();
+  graph->swapTensorNames(newTensor->getName(), oldTensor->getName());
+}
+
+void handOverGraphOutput(const GraphPtr& graph, const TensorPtr& givenFrom, const TensorPtr& givenTo) {
+  const TensorPtr from = givenFrom;
+  const TensorPtr to = givenTo;
+  if (!isGraphOutput(from)) return;
+  const bool optional = from->isOptional();
+  const bool alsoInput = from->getTensorType() == TensorType::GraphInputOutput ||
+                         from->getTensorType() == TensorType::OptionalInputOutput;
+  from->setTensorType(TensorType::GraphOutput);  // the only kind that the graph itself hands over
+  graph->transferGraphOutputTensor(from, to);
+  to->setTensorType(optional ? TensorType::OptionalOutput : TensorType::GraphOutput);
+  to->setUpdateable(from->isUpdateable());
+  if (alsoInput) {
+    from->setTensorType(optional ? TensorType::OptionalInput : TensorType::GraphInput);
+  } else {
+    from->setTensorType(TensorType::Native);
+    from->setUpdateable(false);
+  }
+}
+
+}  // namespace netforge::graphrefiner

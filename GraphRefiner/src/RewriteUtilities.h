@@ -1,0 +1,162 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace netforge {
+class IrGraph;
+class IrStaticTensor;
+class IrTensor;
+enum DataType : std::uint32_t;
+namespace ops {
+class IrOp;
+}
+}  // namespace netforge
+
+namespace netforge::graphrefiner {
+
+// The toolbox that the passes share. Free functions without state. Failures are std::runtime_error with the
+// text
+// "<function>: <message>" unless stated otherwise, and end the optimization: nothing is rolled back.
+
+using StaticTensorPtr = std::shared_ptr<IrStaticTensor>;
+/// `perm[i]` is the input axis that output axis i takes, as in the "perm" of a Transpose.
+using Permutation = std::vector<std::uint32_t>;
+
+// --- constants ---
+
+/// The value of a one-element tensor of type INT_32, UINT_32, FLOAT_16 or FLOAT_32. Throws for a null tensor,
+/// another number of elements and another type.
+float getConstValue(const StaticTensorPtr& tensor);
+/// Whether all elements, read as 32-bit floats whatever the type, equal the value exactly (a NaN never does).
+/// False when there are fewer bytes than that. Throws for a null tensor and one without elements (rank 0 has
+/// none).
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value);
+/// The same for elements read as bytes, for BOOL_8 data.
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value);
+/// Whether some element, read as signed 32-bit, is below zero; false without elements, and when there are
+/// fewer bytes than that. Throws for a null tensor.
+bool anyElementNegative(const StaticTensorPtr& tensor);
+/// The first dims[0] elements of a rank-1 tensor of 32-bit words. Throws std::out_of_range past the elements.
+Permutation getPermutation(const StaticTensorPtr& tensor);
+/// The elements of the op's attribute "axes" as they stand.
+std::vector<std::uint32_t> getAxes(const std::shared_ptr<ops::IrOp>& op);
+/// Replaces the attribute "axes" by an unsigned 32-bit tensor "<op>_axes".
+void setAxes(const std::shared_ptr<ops::IrOp>& op, const std::vector<std::uint32_t>& axes);
+/// A scalar axis attribute of either 32-bit type, a negative one counted from the end of `rank`.
+std::uint32_t readAxis(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
+                       std::uint32_t rank);
+/// `getAxes` with negative entries counted from the end of `rank`.
+std::vector<std::uint32_t> readAxes(const std::shared_ptr<ops::IrOp>& op, std::uint32_t rank);
+/// Sets the attribute "axis" in the type that the op's class reads: signed for "Gather", unsigned for the
+/// others.
+void writeAxis(const std::shared_ptr<ops::IrOp>& op, std::uint32_t axis);
+/// The first input that is not static; null when there is none, and for a null op.
+std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op);
+
+// --- permutations, dims and names ---
+
+/// inverse[perm[i]] = i. Throws for an entry that is not below the length; repeated entries go unnoticed.
+Permutation getInversePermutation(const Permutation& perm);
+/// The decimal digits of all entries without a separator: "0231".
+std::string permToString(const Permutation& perm);
+/// Prefix, first, second and suffix in this order, with one "_" between parts that are not empty.
+std::string joinNameParts(const std::string& first, const std::string& second, const std::string& prefix,
+                          const std::string& suffix);
+Permutation permChannelLastToFirst(std::uint32_t n);  ///< 0, n-1, 1, 2, ..., n-2
+Permutation permChannelFirstToLast(std::uint32_t n);  ///< 0, 2, 3, ..., n-1, 1
+Permutation permAxisToLast(std::uint32_t n,
+                           std::uint32_t a);  ///< the identity with entries a and n-1 swapped
+bool hasSameDims(const std::shared_ptr<IrTensor>& a, const std::shared_ptr<IrTensor>& b);
+/// a.dims[i] == b.dims[j]; false when either index is out of range.
+bool dimsEqualAt(const std::shared_ptr<IrTensor>& a, std::uint32_t i, const std::shared_ptr<IrTensor>& b,
+                 std::uint32_t j);
+bool hasAtMostOneNonUnitDim(const std::shared_ptr<IrTensor>& tensor);
+/// Whether `small`, aligned with `big` at the right end, has in each place the entry of `big` or 1.
+bool isTailBroadcastable(const std::vector<std::uint32_t>& big, const std::vector<std::uint32_t>& small);
+/// IEEE half to single, exact, subnormals included; a NaN keeps its sign and payload.
+float halfToFloat(std::uint16_t bits);
+
+// --- tests in front of an edit ---
+
+/// Whether the application reads the tensor: graph outputs, also updateable and optional ones.
+bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
+/// Whether IrGraph::squash of this op into this input would go through as the graph stands.
+bool canSquash(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
+               const std::shared_ptr<IrTensor>& input, bool keepInput);
+/// What stands under the name that `injectTranspose` would give.
+enum class TransposeName {
+  Free,      ///< neither a tensor nor an op bears it
+  Reusable,  ///< the output of a Transpose of this very tensor with this order
+  Taken      ///< something else: a rule declines
+};
+TransposeName inspectTransposeName(const std::shared_ptr<IrGraph>& graph,
+                                   const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
+                                   const std::string& base);
+
+// --- edits ---
+
+/// Makes input `index` of the op arrive through a Transpose with that order: one that the tensor feeds
+/// already, or a new one. A reused Transpose that stands behind the op is moved forward, so that the order
+/// stays topological; where its own producer stands in the way that is reported on standard output and it is
+/// moved all the same. Should the op read the tensor at several inputs, all of them are moved.
+void insertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
+                            std::uint32_t index, const Permutation& perm);
+/// A Transpose among the consumers of the tensor whose "perm" equals `perm`, or null; of several the first by
+/// name.
+std::shared_ptr<ops::IrOp> findTransposeWithPerm(const std::shared_ptr<IrTensor>& tensor,
+                                                 const Permutation& perm);
+/// Puts a new Transpose behind a tensor and lets the named consumers (all, without names) read it. Op and
+/// output bear the name `<base>_<digits of perm>`; an empty base stands for the tensor's name. With
+/// `keepGraphOutput` a graph output keeps its name and its place, now as the output of the Transpose, and the
+/// tensor itself becomes internal under the name `<base>_<digits>`, the digits being those of the inverse
+/// order when its way back to the source layout is known, else none.
+void injectTranspose(const std::shared_ptr<IrGraph>& graph, const std::string& tensorName,
+                     const Permutation& perm, const std::vector<std::string>& consumers,
+                     const std::string& base, bool keepGraphOutput);
+/// Gives the op a copy of its own of a static input that others read too: "<op>_kernel_weight" for input 1,
+/// "<op>_kernel_bias" for every other.
+void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
+                             std::uint32_t index);
+/// Moves all consumers of the old tensor to the new one and exchanges the two names. Mind the order: NEW
+/// before OLD. For each consumer the dims must be equal, with `strict` also the quantisation and the type,
+/// else it throws.
+void replaceAllUsers(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& newTensor,
+                     const std::shared_ptr<IrTensor>& oldTensor, bool strict);
+/// Lets `to` stand for the graph output `from`: it takes the place and the kind (updateable and optional
+/// outputs keep theirs), and `from` becomes native, or the input that it was besides. Nothing happens when
+/// `from` is no graph output. Names are the caller's work, afterwards.
+void handOverGraphOutput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& from,
+                         const std::shared_ptr<IrTensor>& to);
+/// Folds a Transpose of a constant into the constant. Mind the order: OP before GRAPH. With `intoNext` the
+/// constant that the next op reads keeps the name of the constant that it replaces, without it the name of
+/// the Transpose's output. Does nothing when the input is not static; reports on standard output and does
+/// nothing when that output (without `intoNext`: the input) is a graph output.
+void squashConstantTranspose(const std::shared_ptr<ops::IrOp>& op, const std::shared_ptr<IrGraph>& graph,
+                             bool intoNext);
+
+// --- new constants; each is not yet in a graph, and an empty name becomes "<tensor>_tensorOut_0" ---
+
+/// Elementwise in 32-bit floats, b broadcast to the dims of a. All other properties are those of a.
+StaticTensorPtr addStaticTensors(const StaticTensorPtr& a, const StaticTensorPtr& b, const std::string& name);
+StaticTensorPtr multiplyStaticTensors(const StaticTensorPtr& a, const StaticTensorPtr& b,
+                                      const std::string& name);
+/// The same bytes under new dims. Shares the transform manager of the tensor, which gets one when it has
+/// none, and records the step.
+StaticTensorPtr reshapeStaticTensor(const StaticTensorPtr& tensor, const std::vector<std::uint32_t>& dims,
+                                    const std::string& name);
+/// The data permuted; transforms as above. Throws for a type that `isTransposableType` refuses.
+StaticTensorPtr transposeStaticTensor(const StaticTensorPtr& tensor, const Permutation& perm,
+                                      const std::string& name);
+/// Whether constants of this type can be transposed: elements of 1, 2 or 4 whole bytes.
+bool isTransposableType(DataType type);
+
+/// The kernel behind the arithmetic, declared for its tests. All tensors row-major. `operation`: 0 sum, 2
+/// quotient, 13 product, 16 power, 18 difference. Throws std::runtime_error with plain texts.
+void broadcastBinaryFloat(std::uint32_t operation, const std::vector<std::uint32_t>& dimsA,
+                          const std::vector<std::uint32_t>& dimsB, const std::vector<std::uint32_t>& dimsOut,
+                          const float* a, const float* b, float* out);
+
+}  // namespace netforge::graphrefiner

@@ -1,0 +1,62 @@
+# netforge: `make demo` runs the main job on a real model, `make test` builds and runs every test.
+# Everything that is missing is installed first (Debian packages as root, Python packages into .venv).
+
+MODEL ?=
+JOBS ?= $(shell nproc)
+PY := .venv/bin/python
+BUILD := build/release
+CCACHE := $(shell command -v ccache 2>/dev/null)
+CMAKE_COMMON = -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(PY) -DNETFORGE_WERROR=ON \
+	-DCMAKE_CXX_COMPILER_LAUNCHER=$$(command -v ccache)
+
+.PHONY: all setup build install demo test cpp-test python-test bench asan lint format clean
+
+all: build
+
+setup:
+	@sh tools/setup.sh
+
+build: setup
+	@cmake -S . -B $(BUILD) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DNETFORGE_BUILD_TESTS=ON \
+		-DNETFORGE_BUILD_PYTHON=ON >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+# The same rules that make the wheel put the package into the virtual environment.
+install: build
+	@cmake --install $(BUILD) --component python \
+		--prefix "$$($(PY) -c 'import sysconfig; print(sysconfig.get_paths()["platlib"])')" >/dev/null
+
+demo: install
+	@$(PY) examples/demo.py $(MODEL)
+
+test: install cpp-test python-test
+
+cpp-test: build
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+python-test: install
+	@$(PY) -m pytest -q tests/python
+
+bench: setup
+	@cmake -S . -B build/bench $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DNETFORGE_BUILD_BENCH=ON \
+		-DNETFORGE_BUILD_PYTHON=OFF >/dev/null
+	@cmake --build build/bench -j $(JOBS)
+	@sh bench/run.sh build/bench $(PY)
+
+asan: setup
+	@cmake -S . -B build/asan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DNETFORGE_BUILD_TESTS=ON \
+		-DNETFORGE_BUILD_PYTHON=OFF -DNETFORGE_SANITIZE=address,undefined >/dev/null
+	@cmake --build build/asan -j $(JOBS)
+	@cd build/asan && ASAN_OPTIONS=detect_leaks=1:strict_init_order=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --output-on-failure -j $(JOBS)
+
+lint:
+	@sh tools/setup.sh lint
+	@sh tools/lint.sh $(PY)
+
+format:
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+	@$(PY) -m ruff format python tests/python examples bench tools
+
+clean:
+	rm -rf build

@@ -1,0 +1,253 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <locale>
+
+#include "ir/IrGraph.h"
+#include "output/ModelDump.h"
+
+namespace netforge {
+namespace {
+
+namespace fs = std::filesystem;
+using Dims = std::vector<std::uint32_t>;
+
+/// Expected texts stand here without line ends; this puts every member and element on a line of its own.
+std::string pretty(const std::string& compact) {
+  std::string text;
+  std::size_t depth = 0;
+  const auto newLine = [&] { text += "\n" + std::string(4 * depth, ' '); };
+  for (std::size_t i = 0; i < compact.size(); ++i) {
+    const char c = compact[i];
+    if (c == '"') {
+      std::size_t end = i + 1;
+      while (compact[end] != '"') end += compact[end] == '\\' ? 2 : 1;
+      text += compact.substr(i, end - i + 1);
+      i = end;
+    } else if (c == '{' || c == '[') {
+      text += c;
+      if (compact[i + 1] == '}' || compact[i + 1] == ']') {
+        text += compact[++i];
+      } else {
+        ++depth;
+        newLine();
+      }
+    } else if (c == '}' || c == ']') {
+      --depth;
+      newLine();
+      text += c;
+    } else if (c != ' ' && c != '\n') {
+      text += c;
+      if (c == ':') text += ' ';
+      if (c == ',') newLine();
+    }
+  }
+  return text;
+}
+
+/// Replaces "@<name>" by the value, for each of the names.
+std::string expand(std::string text, const std::vector<std::pair<std::string, std::string>>& values) {
+  for (const auto& [name, value] : values) {
+    for (auto at = text.find("@" + name); at != std::string::npos; at = text.find("@" + name)) {
+      text.replace(at, name.size() + 1, value);
+    }
+  }
+  return text;
+}
+
+struct CommaDecimals : std::numpunct<char> {
+  char do_decimal_point() const override { return ','; }
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+/// Runs in a directory of its own, since a model dump leaves files in the current one.
+class JsonDump : public testing::Test {
+ protected:
+  void SetUp() override {
+    home = fs::current_path();
+    room = fs::temp_directory_path() / ("json_dump_" + std::to_string(getpid()));
+    fs::create_directories(room);
+    fs::current_path(room);
+    graph = std::make_shared<IrGraph>("g");
+  }
+  void TearDown() override {
+    fs::current_path(home);
+    fs::remove_all(room);
+  }
+
+  static std::string read(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+
+  void addOp(const std::string& name, const std::string& type,
+             const std::shared_ptr<IrAttributes>& attributes, const std::vector<std::string>& inputs,
+             const std::string& output, const IrTensorShape& shape) {
+    graph->addOp(std::make_shared<ops::IrOp>(name, type, attributes), inputs, {output}, {shape},
+                 {AxisFormat::NFC}, -1, false);
+  }
+
+  void addInput(const std::string& name, TensorType type) {
+    graph->addTensor(std::make_shared<IrTensor>(name, Dims{1, 2, 30000}, ORLO_DATATYPE_FLOAT_32,
+                                                AxisFormat::NCF, type, Dims{}));
+  }
+
+  static std::shared_ptr<IrAttributes> permOf(const std::shared_ptr<IrStaticTensor>& perm) {
+    auto attributes = std::make_shared<IrAttributes>();
+    attributes->add("perm", perm, ATTR_ORDINARY);
+    return attributes;
+  }
+
+  /// x -> Transpose -> y, a quantised Add of y and a constant, and a Sub that reads the constant as well.
+  void buildSmallGraph() {
+    addInput("x", TensorType::GraphInput);
+    graph->addTensor(std::make_shared<IrStaticTensor>("c \"β\"\n", Dims{7, 8}));
+    addOp("tr", "Transpose", permOf(std::make_shared<IrStaticTensor>("p", Dims{0, 2, 1})), {"x"}, "y",
+          IrTensorShape({1, 30000, 2}));
+    addOp("add", "Add", nullptr, {"y", "c \"β\"\n"}, "q", IrTensorShape({1, 30000, 2}));
+    QuantInfo quantInfo;
+    quantInfo.encoding = QuantEncodingKind::ScaleOffset;
+    quantInfo.scaleOffset.scale = 0.5f;
+    graph->getTensor("q")->setQInfo(ORLO_DATATYPE_UFIXED_POINT_8, quantInfo);
+    addOp("a/sub", "Sub", nullptr, {"q", "c \"β\"\n", "q"}, "a", IrTensorShape({4, 2}, {0, 1}));
+  }
+
+  fs::path home, room;
+  std::shared_ptr<IrGraph> graph;
+};
+
+TEST_F(JsonDump, ModelFormOfASmallGraph) {
+  buildSmallGraph();
+  std::ofstream("temp.bin") << "old";
+  dumpModelJson(graph, "model");
+  const std::string expected = R"({"model.cpp": "temp.cpp", "model.bin": "temp.bin", "graph": {
+    "tensors": {
+      "a": {"type": 3, "data_type": 562, @QUANT, "dims": [4, 2]},
+      "c \"β\"\n": {"type": 4, "data_type": 306, @QUANT, "dims": [2]},
+      "q": {"type": 3, "data_type": 1032, @QUANT, "dims": [1, 30000, 2]},
+      "x": {"type": 0, "data_type": 562, @QUANT, "dims": [1, 2, 30000]},
+      "y": {"type": 3, "data_type": 562, @QUANT, "dims": [1, 30000, 2]}
+    },
+    "nodes": {
+      "tr": {"type": "Transpose", "tensor_params": {}, "input_names": ["x"], "output_names": ["y"]},
+      "add": {"type": "Add", "tensor_params": {}, "input_names": ["y", "c \"β\"\n"], "output_names": ["q"]},
+      "a/sub": {"type": "Sub", "tensor_params": {}, "input_names": ["q", "c \"β\"\n", "q"], "output_names": ["a"]}
+    }}})";
+  const std::string quantParams = R"("quant_params": {
+    "definition": 2147483647, "encoding": 2147483647, "is_overridden": false,
+    "scale_offset": {"bitwidth": 0, "minimum": 0.0, "maximum": 0.0, "scale": 0.0, "offset": 0,
+                     "is_symmetric": false, "is_fixed_point": true}})";
+  EXPECT_EQ(read("model"), pretty(expand(expected, {{"QUANT", quantParams}})));
+  for (const char* companion : {"temp.cpp", "temp.bin"}) {
+    EXPECT_TRUE(fs::exists(companion)) << companion;
+    EXPECT_EQ(read(companion), "") << companion;
+  }
+}
+
+TEST_F(JsonDump, GraphFormOfASmallGraph) {
+  buildSmallGraph();
+  graph->dumpJson("form");
+  const std::string expected = R"({
+    "x": {"name": "x", "type": "input", "inputs": [], "outputs": {@X}, "attrs": {}},
+    "tr": {"name": "tr", "type": "Transpose", "inputs": [{@X}], "outputs": {@Y}, "attrs": {"order": [0, 2, 1]}},
+    "c \"β\"\n": {"name": "c \"β\"\n", "type": "constant", "inputs": [], "outputs": {@C}, "attrs": {}},
+    "add": {"name": "add", "type": "Add", "inputs": [{@Y}, {@C}], "outputs": {@Q}, "attrs": {}},
+    "a/sub": {"name": "a/sub", "type": "Sub", "inputs": [{@Q}, {@C}, {@Q}], "outputs": {@A}, "attrs": {}}})";
+  EXPECT_EQ(
+      read("form.json"),
+      pretty(expand(
+          expected,
+          {{"X",
+            R"("x": {"layout": "NCF", "shape": {"dims": [1, 2, 30000], "dynamic_axes": []}, "dtype": "float32"})"},
+           {"Y",
+            R"("y": {"layout": "NFC", "shape": {"dims": [1, 30000, 2], "dynamic_axes": []}, "dtype": "float32"})"},
+           {"Q",
+            R"("q": {"layout": "NFC", "shape": {"dims": [1, 30000, 2], "dynamic_axes": []}, "dtype": "quint8"})"},
+           {"C",
+            R"("c \"β\"\n": {"layout": "NOT_YET_DEFINED", "shape": {"dims": [2], "dynamic_axes": []}, "dtype": "uint32"})"},
+           {"A",
+            R"("a": {"layout": "NFC", "shape": {"dims": [4, 2], "dynamic_axes": [0, 1]}, "dtype": "float32"})"}})));
+}
+
+TEST_F(JsonDump, SameBytesAgainAndUnderAnyLocale) {
+  buildSmallGraph();
+  dumpModelJson(graph, "first");
+  graph->dumpJson("first.json");
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new CommaDecimals));
+  for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "C"}) {
+    if (std::setlocale(LC_ALL, name) != nullptr) break;
+  }
+  dumpModelJson(graph, "second");
+  graph->dumpJson("second.json");
+  std::setlocale(LC_ALL, "C");
+  std::locale::global(before);
+  EXPECT_EQ(read("first"), read("second"));
+  EXPECT_EQ(read("first.json"), read("second.json"));
+  EXPECT_FALSE(fs::exists("first.json.json"));
+}
+
+TEST_F(JsonDump, EmptyGraphAndOddOps) {
+  dumpModelJson(graph, "empty");
+  graph->dumpJson("empty.json");
+  EXPECT_EQ(read("empty"), R"({
+    "model.cpp": "temp.cpp",
+    "model.bin": "temp.bin",
+    "graph": {
+        "tensors": {},
+        "nodes": {}
+    }
+})");
+  EXPECT_EQ(read("empty.json"), "{}");
+
+  // Types that the description has no number for appear as they are; no Transpose needs a "perm".
+  addInput("x", TensorType::OptionalInput);
+  graph->getTensor("x")->setDataType(ORLO_DATATYPE_UNDEFINED);
+  addOp("tr", "Transpose", nullptr, {"x"}, "y", IrTensorShape());
+  dumpModelJson(graph, "odd");
+  graph->dumpJson("odd.json");
+  const std::string model = read("odd"), form = read("odd.json");
+  EXPECT_NE(model.find("\"type\": 11,\n                \"data_type\": 2147483647,"), std::string::npos)
+      << model;
+  EXPECT_NE(model.find("\"dims\": []"), std::string::npos) << model;
+  EXPECT_NE(form.find("\"dtype\": \"undefined\""), std::string::npos) << form;
+  EXPECT_NE(form.find("\"attrs\": {}"), std::string::npos) << form;
+
+  // A "perm" whose first dim promises more than it holds.
+  const auto perm = std::make_shared<IrStaticTensor>("p", Dims{3, 0}, 0, nullptr, ORLO_DATATYPE_UINT_32,
+                                                     AxisFormat::NONTRIVIAL, AxisFormat::NONTRIVIAL, true,
+                                                     TensorType::Static, Dims{});
+  addOp("short", "Transpose", permOf(perm), {"x"}, "z", IrTensorShape({1}));
+  EXPECT_THROW(graph->dumpJson("short"), std::out_of_range);
+  EXPECT_FALSE(fs::exists("short.json"));
+}
+
+TEST_F(JsonDump, FilesThatCannotBeWritten) {
+  const auto textOf = [](const auto& call) -> std::string {
+    try {
+      call();
+    } catch (const std::runtime_error& failure) {
+      return failure.what();
+    }
+    return "nothing thrown";
+  };
+  EXPECT_EQ(textOf([this] { graph->dumpJson("absent/x"); }),
+            "netforge::IrGraph::dumpJson: IrGraph::dumpJson: Failed to open file for writing: absent/x.json");
+  EXPECT_EQ(textOf([this] { dumpModelJson(graph, "absent/x"); }),
+            "netforge::dumpModelJson: Failed to open file for writing: absent/x");
+  fs::remove("temp.cpp");
+  fs::create_directory("temp.cpp");  // a companion that can't be created doesn't stop the dump
+  dumpModelJson(graph, "x");
+  EXPECT_NE(read("x"), "");
+  if (fs::exists("/dev/full")) {
+    EXPECT_EQ(textOf([this] { dumpModelJson(graph, "/dev/full"); }),
+              "netforge::dumpModelJson: Failed to write file: /dev/full");
+  }
+}
+
+}  // namespace
+}  // namespace netforge

@@ -1,0 +1,166 @@
+// Dump files around a pass, and the fingerprint that decides on the dumps by op type.
+#include <cstdint>
+#include <fstream>
+#include "GraphRefiner/src/PassManager.h"
+#include "RefinerTestSupport.h"
+
+namespace netforge::graphrefiner::testing {
+namespace {
+
+using Files = std::set<std::string>;
+
+class DumpTest : public ::testing::Test {
+ protected:
+  // Runs "FoldConcats" as the given script over a graph and returns the files that it leaves.
+  Files run(const GraphPtr& graph, ScriptedPass::Script script) {
+    registry.add(PassId::FoldConcats, std::move(script));
+    GraphPtr shared = graph;
+    for (const std::string& old : directory.dumps()) std::filesystem::remove(old);
+    PassManager(context).applyOptimizationPasses(shared, {PassId::FoldConcats},
+                                                 OptimizationStage::PostLayout);
+    return directory.dumps();
+  }
+  static bool unchanged(GraphPtr&) { return false; }
+  static bool claimsChange(GraphPtr&) { return true; }
+
+  OwnDirectory directory;
+  OwnRegistry registry;
+  GraphRefinerContext context;
+};
+
+TEST_F(DumpTest, FilesByLevelAndPassName) {
+  const Files both = {"BeforeFoldConcats1.json", "AfterFoldConcats1.json"};
+  const struct {
+    bool dumpIr;
+    IrDumpLevel level;
+    std::vector<std::string> passNames;
+    bool changes;
+    Files files;
+  } cases[] = {
+      {true, IrDumpLevel::PostPassChange, {}, true, both},
+      {true, IrDumpLevel::PostPassChange, {"MatchTopK", "FoldConcats"}, true, both},
+      {true, IrDumpLevel::PostPassChange, {"MatchTopK"}, true, {}},
+      {true, IrDumpLevel::PostPassChange, {}, false, {}},
+      {false, IrDumpLevel::PostPassChange, {}, true, {}},
+      {true, IrDumpLevel::PreAndPostOptimization, {}, true, {}},
+      {true, IrDumpLevel::Checkpoint, {}, true, {}},
+      // Nothing watched, so nothing is dumped after the change and the "Before" file goes.
+      {true, IrDumpLevel::PostOpChange, {}, true, {}},
+  };
+  for (const auto& c : cases) {
+    context.dump_ir = c.dumpIr;
+    context.dump_ir_level = c.level;
+    context.dump_ir_pass_names = c.passNames;
+    EXPECT_EQ(run(makeChain({"Relu"}), c.changes ? claimsChange : unchanged), c.files)
+        << "level " << static_cast<int>(c.level) << " on " << c.dumpIr << " changes " << c.changes;
+  }
+}
+
+TEST_F(DumpTest, CounterGoesByListAndBeforeFileOfAnUnchangedPassIsRemovedAlways) {
+  context.dump_ir = true;
+  context.dump_ir_level = IrDumpLevel::PostPassChange;
+  registry.add(PassId::FoldConcats, claimsChange);
+  GraphPtr graph = makeChain({"Relu"});
+  PassManager manager(context);
+  const auto stage = OptimizationStage::PostLayout;
+  manager.applyOptimizationPasses(graph, {PassId::FoldConcats, PassId::FoldConcats}, stage);
+  const Files files = {"BeforeFoldConcats1.json", "AfterFoldConcats1.json", "BeforeFoldConcats2.json",
+                       "AfterFoldConcats2.json"};
+  EXPECT_EQ(directory.dumps(), files);
+  manager.applyOptimizationPasses(graph, {PassId::FoldConcats}, stage);
+  EXPECT_EQ(directory.dumps(), files) << "a new list counts from 1 again";
+
+  registry.add(PassId::FoldConcats, unchanged);
+  PassManager(GraphRefinerContext{}).applyOptimizationPasses(graph, {PassId::FoldConcats}, stage);
+  EXPECT_EQ(directory.dumps(),
+            (Files{"AfterFoldConcats1.json", "BeforeFoldConcats2.json", "AfterFoldConcats2.json"}));
+}
+
+TEST_F(DumpTest, OpChangeWalk) {
+  context.dump_ir = true;
+  context.dump_ir_level = IrDumpLevel::PostOpChange;
+  const std::string before = "BeforeFoldConcats1.json";
+  const auto rename = [](const std::string& tensor) {
+    return [tensor](GraphPtr& graph) {
+      graph->updateTensorName(tensor, tensor + "_new");
+      return true;
+    };
+  };
+  const auto removeLast = [](GraphPtr& graph) {
+    graph->prune(OpPtr(graph->getOps().back()), true);
+    return true;
+  };
+  const struct {
+    const char* label;
+    std::vector<std::string> watched;
+    ScriptedPass::Script script;
+    Files files;
+  } cases[] = {
+      {"the changed op is of a watched type",
+       {"Tanh"},
+       rename("op2"),
+       {before, "Tanh_AfterFoldConcats1.json"}},
+      {"one file per type", {"Tanh", "Tanh"}, rename("op2"), {before, "Tanh_AfterFoldConcats1.json"}},
+      {"renaming a tensor changes its reader too",
+       {"Tanh"},
+       rename("op1"),
+       {before, "Tanh_AfterFoldConcats1.json"}},
+      {"the first op of the graph is unchanged", {"Relu"}, rename("op2"), {}},
+      {"a type that stands behind the first op is dumped at once",
+       {"Cast"},
+       rename("op2"),
+       {before, "Cast_AfterFoldConcats1.json"}},
+      {"all ops of the type went", {"Tanh"}, removeLast, {before, "Tanh_AfterFoldConcats1.json"}},
+      {"a type that was never there", {"Gather"}, rename("op2"), {}},
+      {"a new type",
+       {"Gather"},
+       [](GraphPtr& graph) {
+         addPlainOp(graph, "new", "Gather", {"op2"});
+         return true;
+       },
+       {before, "Gather_AfterFoldConcats1.json"}},
+      {"no change", {"Relu"}, unchanged, {}},
+      {"nothing left to look at",
+       {"Relu", "Cast", "Tanh"},
+       [](GraphPtr& graph) {
+         while (!graph->getOps().empty()) graph->prune(OpPtr(graph->getOps().back()), true);
+         return true;
+       },
+       {}},
+  };
+  for (const auto& c : cases) {
+    context.dump_ir_op_types = c.watched;
+    EXPECT_EQ(run(makeChain({"Relu", "Cast", "Tanh"}), c.script), c.files) << c.label;
+  }
+  context.dump_ir_pass_names = {"MatchTopK"};
+  context.dump_ir_op_types = {"Tanh"};
+  EXPECT_EQ(run(makeChain({"Relu", "Cast", "Tanh"}), rename("op2")), Files{"Tanh_AfterFoldConcats1.json"})
+      << "pass names limit the \"Before\" file alone";
+}
+
+TEST(OpFingerprint, ValuesOfAnIndependentComputation) {
+  const std::uint8_t w[] = {1, 2, 255, 0};
+  const std::uint8_t v[] = {7, 7, 7, 7, 7, 7, 7, 7};
+  auto graph = std::make_shared<IrGraph>("g");
+  addInput(graph, "x", {2, 3});
+  addConstant(graph, "w", {1}, w, sizeof(w));
+  addConstant(graph, "v", {2}, v, sizeof(v));
+  const auto fingerprint = [&](const std::string& type, const std::vector<std::string>& inputs,
+                               const std::vector<std::string>& outputs) {
+    auto op = std::make_shared<ops::IrOp>("op_of_any_name", type, nullptr);
+    for (const auto& name : inputs) op->addInput(graph->getTensor(name));
+    for (const auto& name : outputs) {
+      addInput(graph, name, {2, 3}, TensorType::Native);
+      op->addOutput(graph->getTensor(name));
+    }
+    const std::uint64_t value = PassManager::opFingerprint(op);
+    for (const auto& name : outputs) graph->removeTensor(name);
+    return value;
+  };
+  EXPECT_EQ(fingerprint("Relu", {"x"}, {"y"}), 0x1b583c3f909c32bfu);
+  EXPECT_EQ(fingerprint("Eltwise_Binary", {"x", "w"}, {"y"}), 0x0d0b931442469be5u);
+  EXPECT_EQ(fingerprint("Eltwise_Binary", {"w", "v"}, {"y", "z"}), 0x4ecb3477eb604614u);
+}
+
+}  // namespace
+}  // namespace netforge::graphrefiner::testing
