@@ -90,23 +90,12 @@ def _parse(data: bytes, folder: str) -> LoadedModel:
 
 def _check(loaded: LoadedModel) -> None:
     """The checker sees constants whose bytes are elsewhere as inputs: their bytes are checked when read."""
-    model = loaded.proto
-    elsewhere = [
-        tensor
-        for tensor in model.graph.initializer
+    elsewhere = {
+        tensor.name
+        for tensor in loaded.proto.graph.initializer
         if tensor.name in loaded.places or tensor.data_location == onnx.TensorProto.EXTERNAL
-    ]
-    if elsewhere:
-        names = {tensor.name for tensor in elsewhere}
-        inputs = {info.name for info in model.graph.input}
-        model = onnx.ModelProto()
-        model.CopyFrom(loaded.proto)
-        del model.graph.initializer[:]
-        model.graph.initializer.extend(t for t in loaded.proto.graph.initializer if t.name not in names)
-        for tensor in elsewhere:
-            if tensor.name not in inputs:
-                value = onnx.helper.make_tensor_type_proto(tensor.data_type, tensor.dims)
-                model.graph.input.append(onnx.helper.make_value_info(tensor.name, value))
+    }
+    model = _checkable(loaded.proto, elsewhere)
     if model.ByteSize() > _LARGEST_MESSAGE:
         return
     try:
@@ -114,6 +103,28 @@ def _check(loaded: LoadedModel) -> None:
     except Exception as error:
         text = " ".join(str(error).split())
         raise OnnxImportError(f"the model isn't valid: {text}") from error
+
+
+def _checkable(proto: onnx.ModelProto, elsewhere: set[str]) -> onnx.ModelProto:
+    """The model, or a copy with the initializers of `elsewhere` as inputs and with shapes for all outputs."""
+    types = [info.type for info in proto.graph.output]
+    shapeless = [kind.HasField("tensor_type") and not kind.tensor_type.HasField("shape") for kind in types]
+    if not elsewhere and not any(shapeless):
+        return proto
+    model = onnx.ModelProto()
+    model.CopyFrom(proto)
+    for info, lacks_shape in zip(model.graph.output, shapeless, strict=True):
+        if lacks_shape:
+            info.type.tensor_type.shape.SetInParent()
+    inputs = {info.name for info in model.graph.input}
+    del model.graph.initializer[:]
+    for tensor in proto.graph.initializer:
+        if tensor.name not in elsewhere:
+            model.graph.initializer.append(tensor)
+        elif tensor.name not in inputs:
+            value = onnx.helper.make_tensor_type_proto(tensor.data_type, tensor.dims)
+            model.graph.input.append(onnx.helper.make_value_info(tensor.name, value))
+    return model
 
 
 def _inline_functions(model: onnx.ModelProto) -> onnx.ModelProto:
