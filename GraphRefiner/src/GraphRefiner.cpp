@@ -5,6 +5,7 @@
 #include "GraphRefiner/src/NameNumbers.h"
 #include "GraphRefiner/src/PassManager.h"
 #include "GraphRefiner/src/PassRegistry.h"
+#include "ir/Failure.h"
 #include "ir/IrGraph.h"
 #include "output/ModelDump.h"
 
@@ -16,8 +17,8 @@ GraphRefiner::GraphRefiner(const std::shared_ptr<IrGraph>& givenGraph,
                            const GraphRefinerContext& givenContext)
     : graph(givenGraph), stages(givenStages), backendInfo(givenBackendInfo), context(givenContext) {
   if (!graph) {
-    throw std::invalid_argument(
-        "netforge::graphrefiner::GraphRefiner::GraphRefiner: The graph must not be null");
+    fail<std::invalid_argument>("netforge::graphrefiner::GraphRefiner::GraphRefiner",
+                                "The graph must not be null");
   }
   if (context.optimizer_config.empty()) return;
   for (const std::string& name : context.optimizer_config["enabledPasses"]) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include "ir/Failure.h"
 
 namespace netforge::graphrefiner {
 
@@ -16,8 +17,7 @@ std::string stageName(OptimizationStage stage) {
     case OptimizationStage::PostQuant:
       return "PostQuant";
   }
-  throw std::invalid_argument("netforge::graphrefiner::stageName: Invalid optimization stage " +
-                              std::to_string(static_cast<std::uint32_t>(stage)));
+  fail<std::invalid_argument>("netforge::graphrefiner::stageName", "Invalid optimization stage ", stage);
 }
 
 bool isPythonVersion(const char* versionText, const char* wanted) {

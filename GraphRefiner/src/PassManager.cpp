@@ -8,6 +8,7 @@
 #include "GraphRefiner/src/Pass.h"
 #include "GraphRefiner/src/PassPipeline.h"
 #include "GraphRefiner/src/PassRegistry.h"
+#include "ir/Failure.h"
 #include "ir/IrGraph.h"
 #include "output/ModelDump.h"
 
@@ -153,7 +154,7 @@ bool PassManager::registerPass(PassId id, OptimizationStage stage, const std::se
   PassRegistry::PassTable& table = getPassRegistry().table(stage);
   const std::string passName = getPassNameFromPassId(id);
   if (table.count(id) != 0) {
-    throw std::runtime_error("netforge::graphrefiner::PassManager::registerPass: Pass " + passName +
+    fail<std::runtime_error>("netforge::graphrefiner::PassManager::registerPass", "Pass ", passName,
                              " is already registered");
   }
   const std::shared_ptr<Pass> pass = createPass(id);

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "ir/BackendInfo.h"
+#include "ir/Failure.h"
 
 namespace netforge::graphrefiner {
 
@@ -30,7 +31,7 @@ const PassRow* findRow(PassId id) {
 const PassRow& requireRow(PassId id) {
   const PassRow* row = findRow(id);
   if (row == nullptr) {
-    throw std::runtime_error("netforge::graphrefiner::getPassNameFromPassId:  Invalid pass Id ");
+    fail<std::runtime_error>("netforge::graphrefiner::getPassNameFromPassId", " Invalid pass Id ");
   }
   return *row;
 }
@@ -47,8 +48,8 @@ PassRegistry::PassRegistry() {
 PassRegistry::PassTable& PassRegistry::table(OptimizationStage stage) {
   const auto number = static_cast<std::uint32_t>(stage);
   if (number >= tables.size()) {
-    throw std::out_of_range("netforge::graphrefiner::PassRegistry::table: Invalid optimization stage " +
-                            std::to_string(number));
+    fail<std::out_of_range>("netforge::graphrefiner::PassRegistry::table", "Invalid optimization stage ",
+                            number);
   }
   return tables[number];
 }
@@ -79,9 +80,8 @@ PassId getPassIdFromPassName(const std::string& name) {
   for (const PassRow& row : kPassRows) {
     if (name == row.name) return row.id;
   }
-  throw std::runtime_error(
-      "netforge::graphrefiner::getPassIdFromPassName:  Invalid pass, No pass registered with the name: " +
-      name);
+  fail<std::runtime_error>("netforge::graphrefiner::getPassIdFromPassName",
+                           " Invalid pass, No pass registered with the name: ", name);
 }
 
 std::vector<std::string> getRegisteredPassNames() {

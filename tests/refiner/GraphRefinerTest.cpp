@@ -15,6 +15,7 @@ class GraphRefinerTest : public ::testing::Test {
  protected:
   OwnDirectory directory;
   OwnRegistry registry;
+  CapturedOutput output;
   GraphPtr graph = std::make_shared<IrGraph>("g");
   GraphRefinerContext context;
 };
@@ -27,7 +28,7 @@ TEST_F(GraphRefinerTest, ConstructionChecksGraphAndPassNames) {
   for (const char* key : {"enabledPasses", "disabledPasses"}) {
     context.optimizer_config = {{key, {"MatchTopK", "NoSuchPass"}}};
     EXPECT_EQ(
-        messageOf([&] { GraphRefiner(graph, Stages{}, nullptr, context); }),
+        failureOf<std::runtime_error>([&] { GraphRefiner(graph, Stages{}, nullptr, context); }),
         "netforge::graphrefiner::getPassIdFromPassName:  Invalid pass, No pass registered with the name: "
         "NoSuchPass");
   }
@@ -55,9 +56,9 @@ TEST_F(GraphRefinerTest, TraceLineListsEveryChangingRunAndStartsAnewWithEachCall
   GraphRefiner refiner(graph, {OptimizationStage::PostLayout, OptimizationStage::PostLayout}, nullptr,
                        context);
   const auto traceLine = [&] {
-    CapturedOutput output;
+    CapturedOutput ofThisCall;
     refiner.optimize();
-    return output.text().substr(output.text().find("PASS TRACE INFO"));
+    return ofThisCall.text().substr(ofThisCall.text().find("PASS TRACE INFO"));
   };
   EXPECT_EQ(traceLine(), "PASS TRACE INFO: MatchTopK, FlattenPReluAlpha, FlattenPReluAlpha, \n");
   EXPECT_EQ(traceLine(), "PASS TRACE INFO: FlattenPReluAlpha, FlattenPReluAlpha, \n");
@@ -67,7 +68,6 @@ TEST_F(GraphRefinerTest, WithoutStagesOnlyTheTraceLineIsPrinted) {
   context.dump_pass_trace_info = true;
   context.dump_ir = true;
   context.debug_log = true;
-  CapturedOutput output;
   PyGraphRefiner refiner(graph, {}, nullptr, context);
   refiner.optimize();
   EXPECT_EQ(output.text(), "PASS TRACE INFO: \n");
@@ -77,7 +77,6 @@ TEST_F(GraphRefinerTest, WithoutStagesOnlyTheTraceLineIsPrinted) {
 
 TEST_F(GraphRefinerTest, StageDumps) {
   context.dump_ir = true;
-  CapturedOutput output;
   GraphRefiner(graph, {OptimizationStage::PreQuant, OptimizationStage::PostLayout}, nullptr, context)
       .optimize();
   EXPECT_EQ(
@@ -106,7 +105,6 @@ TEST_F(GraphRefinerTest, NameNumbersRepeatWithEachCall) {
     return true;
   });
   GraphRefiner refiner(graph, {OptimizationStage::PostLayout}, nullptr, context);
-  CapturedOutput output;
   refiner.optimize();
   refiner.optimize();
   ASSERT_EQ(drawn.size(), 4u);

@@ -91,7 +91,7 @@ TEST_F(PassManagerTest, AnExceptionOfAPassGoesThrough) {
       kStage);
   const auto next = add(PassId::FoldConcats, true);
   PassManager manager{GraphRefinerContext{}};
-  EXPECT_EQ(messageOf([&] {
+  EXPECT_EQ(failureOf<std::runtime_error>([&] {
               manager.applyOptimizationPasses(graph, {PassId::MatchTopK, PassId::FoldConcats}, kStage);
             }),
             "broken");
@@ -119,6 +119,7 @@ class StageTest : public ::testing::Test {
 
   OwnDirectory directory;
   OwnRegistry registry;
+  CapturedOutput output;
   GraphPtr graph = std::make_shared<IrGraph>("g");
   std::vector<std::string> order;
   std::set<std::string> changing;
@@ -184,7 +185,6 @@ TEST_F(StageTest, PostSteps) {
   context.enable_trace = true;
   context.dump_ir = true;
   context.dump_ir_level = IrDumpLevel::Checkpoint;
-  CapturedOutput output;
   PassManager(context).runOptimizationStage(graph, nullptr, OptimizationStage::PreQuant);
   EXPECT_NE(output.text().find("in stage Post G2G optimizations: PreQuant"), std::string::npos)
       << output.text();

@@ -1,0 +1,275 @@
+// Inserting, sharing and folding Transposes.
+#include <algorithm>
+#include "GraphRefiner/src/RewriteUtilities.h"
+#include "RefinerTestSupport.h"
+#include "ops/OpFactory.h"
+
+namespace netforge::graphrefiner::testing {
+namespace {
+
+using Names = std::vector<std::string>;
+using Dims = std::vector<std::uint32_t>;
+
+OpPtr addTranspose(const GraphPtr& graph, const std::string& name, const std::string& input,
+                   const Permutation& perm, std::int32_t idx = -1) {
+  const auto op = createOp("Transpose", name, {{"perm", OpParam(perm)}});
+  graph->addOp(op, {input}, {name}, {}, idx, false);
+  return op;
+}
+
+// x[2,3,5] -> Relu r -> Cast a, b
+class TransposeTest : public ::testing::Test {
+ protected:
+  TransposeTest() {
+    addInput(graph, "x", {2, 3, 5});
+    addPlainOp(graph, "r", "Relu", {"x"}, {2, 3, 5});
+    a = addPlainOp(graph, "a", "Cast", {"r"}, {2, 3, 5});
+    b = addPlainOp(graph, "b", "Cast", {"r"}, {2, 3, 5});
+  }
+  void TearDown() override { expectSound(graph); }
+  GraphPtr graph = std::make_shared<IrGraph>("g");
+  OpPtr a, b;
+  CapturedOutput output;
+};
+
+TEST_F(TransposeTest, InsertSharesOneTransposePerOrder) {
+  insertOrReuseTranspose(graph, a, 0, {1, 2, 0});
+  insertOrReuseTranspose(graph, b, 0, {1, 2, 0});
+  EXPECT_EQ(opNames(graph), (Names{"r", "r_120", "a", "b"}));
+  EXPECT_EQ(a->getInput(0)->getName(), "r_120");
+  EXPECT_EQ(b->getInput(0), a->getInput(0));
+  EXPECT_EQ(a->getInput(0)->getDims(), (Dims{3, 5, 2}));
+  const auto c = addPlainOp(graph, "c", "Cast", {"r"}, {2, 3, 5});
+  insertOrReuseTranspose(graph, c, 0, {2, 0, 1});
+  EXPECT_EQ(c->getInput(0)->getName(), "r_201") << "another order is another Transpose";
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(TransposeTest, AReusedTransposeMovesInFront) {
+  addTranspose(graph, "late", "r", {1, 0, 2});
+  insertOrReuseTranspose(graph, b, 0, {1, 0, 2});
+  EXPECT_EQ(opNames(graph), (Names{"r", "late", "a", "b"})) << "right behind its producer";
+  EXPECT_EQ(b->getInput(0)->getName(), "late");
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(TransposeTest, AReusedTransposeOfAGraphInputIsReportedAndMoved) {
+  const auto c = addPlainOp(graph, "c", "Cast", {"x"}, {2, 3, 5});
+  addTranspose(graph, "late", "x", {1, 0, 2});
+  insertOrReuseTranspose(graph, c, 0, {1, 0, 2});
+  EXPECT_EQ(opNames(graph), (Names{"r", "a", "b", "late", "c"}));
+  EXPECT_EQ(output.text(),
+            "insertOrReuseTranspose: Error: Unable to guarantee topological order while inserting Transpose "
+            "for c\n");
+}
+
+TEST_F(TransposeTest, AnOpNeverReadsItself) {
+  const auto t = addTranspose(graph, "t", "r", {1, 0, 2});
+  insertOrReuseTranspose(graph, t, 0, {1, 0, 2});
+  EXPECT_EQ(t->getInput(0)->getName(), "r_102");
+}
+
+TEST_F(TransposeTest, FindTransposeWithPerm) {
+  const auto r = graph->getTensor("r");
+  EXPECT_EQ(findTransposeWithPerm(r, {1, 0, 2}), nullptr);
+  const auto t2 = addTranspose(graph, "t2", "r", {1, 0, 2});
+  addTranspose(graph, "t1", "r", {2, 0, 1});
+  graph->addOp(std::make_shared<ops::IrOp>("bare", "Transpose", nullptr), {"r"}, {"bare"},
+               {IrTensorShape({2, 3, 5})}, {}, -1, false);
+  EXPECT_EQ(findTransposeWithPerm(r, {1, 0, 2}), t2);
+  EXPECT_EQ(findTransposeWithPerm(r, {1, 2, 0}), nullptr);
+}
+
+TEST_F(TransposeTest, InjectNamesMovesAndTraces) {
+  graph->addTraceSources(TraceKind::Op, "r", {{"source_op", TraceKind::Op}});
+  graph->addTraceSources(TraceKind::Tensor, "r", {{"source_tensor", TraceKind::Tensor}});
+  graph->getTensor("r")->setExplicitPermuteOrder({0, 2, 1});
+  injectTranspose(graph, "r", {1, 2, 0}, {"b", "b"}, "base", false);
+  const auto op = graph->getOp("base_120");
+  ASSERT_NE(op, nullptr);
+  EXPECT_EQ(a->getInput(0)->getName(), "r");
+  EXPECT_EQ(b->getInput(0)->getName(), "base_120");
+  EXPECT_EQ(getPermutation(op->getAttributes()->getStaticTensor("perm")), (Permutation{1, 2, 0}));
+  EXPECT_EQ(op->getOutput(0)->getExplicitPermuteOrder(), (Dims{2, 1, 0}));
+  EXPECT_EQ(graph->getTraceInfo(TraceKind::Op, "base_120"),
+            (std::vector<TraceSource>{{"source_op", TraceKind::Op}}));
+  EXPECT_EQ(graph->getTraceInfo(TraceKind::Tensor, "base_120"),
+            (std::vector<TraceSource>{{"source_tensor", TraceKind::Tensor}}));
+
+  injectTranspose(graph, graph->getTensor("x")->getName(), {1, 0, 2}, {}, "", false);
+  EXPECT_EQ(graph->getOp("r")->getInput(0)->getName(), "x_102") << "no names: all consumers move";
+}
+
+TEST_F(TransposeTest, AGraphOutputKeepsItsNameInFrontOfTheApplication) {
+  const struct {
+    const char* label;
+    Permutation perm;
+    Dims permuteOrder;  // of the graph output before
+    TensorType type;
+    bool keep;
+    const char* innerName;
+  } cases[] = {
+      {"no way back to the source layout is known", {1, 2, 0}, {}, TensorType::GraphOutput, true, "base_"},
+      {"the way back is known", {1, 2, 0}, {0, 1, 2}, TensorType::GraphOutput, true, "base_201"},
+      {"an order that is its own inverse", {1, 0, 2}, {0, 1, 2}, TensorType::GraphOutput, true, "base_102"},
+      {"an optional output", {1, 2, 0}, {}, TensorType::OptionalOutput, true, "base_"},
+      {"not asked for", {1, 2, 0}, {}, TensorType::GraphOutput, false, "y"},
+      {"no graph output", {1, 2, 0}, {}, TensorType::Native, true, "y"},
+  };
+  int count = 0;
+  for (const auto& c : cases) {
+    graph = std::make_shared<IrGraph>("g" + std::to_string(count++));
+    addInput(graph, "x", {2, 3, 5});
+    const auto op = addPlainOp(graph, "y", "Relu", {"x"}, {2, 3, 5});
+    const auto reader = addPlainOp(graph, "reader", "Cast", {"y"}, {2, 3, 5});
+    addPlainOp(graph, "z", "Relu", {"x"}, {2, 3, 5});
+    if (c.type != TensorType::Native) makeGraphOutput(graph, "y", c.type);
+    makeGraphOutput(graph, "z");
+    graph->getTensor("y")->setExplicitPermuteOrder(c.permuteOrder);
+    injectTranspose(graph, "y", c.perm, {"reader"}, "base", c.keep);
+    const auto inner = op->getOutput(0);
+    const auto outer = reader->getInput(0);
+    EXPECT_EQ(inner->getName(), c.innerName) << c.label;
+    EXPECT_EQ(outer->getProducer()->getInput(0), inner) << c.label;
+    if (c.keep && c.type != TensorType::Native) {
+      EXPECT_EQ(outer->getName(), "y") << c.label;
+      EXPECT_EQ(outer->getTensorType(), c.type) << c.label;
+      EXPECT_EQ(inner->getTensorType(), TensorType::Native) << c.label;
+      EXPECT_EQ(graph->getGraphOutputs()[0], outer) << c.label;
+    } else {
+      EXPECT_EQ(inner->getTensorType(), c.type) << c.label;
+      EXPECT_EQ(outer->getTensorType(), TensorType::Native) << c.label;
+    }
+    expectSound(graph);
+  }
+}
+
+TEST_F(TransposeTest, AGraphOutputHandsItsEncodingOn) {
+  QuantInfo scale;
+  scale.encoding = QuantEncodingKind::ScaleOffset;
+  scale.scaleOffset.scale = 0.5f;
+  QuantInfo range;
+  range.scaleOffset.minimum = -3.0f;
+  makeGraphOutput(graph, "a");
+  makeGraphOutput(graph, "b");
+  graph->getTensor("a")->setQInfo(ORLO_DATATYPE_UFIXED_POINT_8, scale);
+  graph->getTensor("b")->setFloatQInfo(ORLO_DATATYPE_FLOAT_32, range);
+  injectTranspose(graph, "a", {1, 2, 0}, {}, "", true);
+  injectTranspose(graph, "b", {1, 2, 0}, {}, "", true);
+  EXPECT_EQ(graph->getTensor("a")->getDataType(), ORLO_DATATYPE_UFIXED_POINT_8);
+  EXPECT_EQ(graph->getTensor("a")->getQuantInfo(), scale);
+  EXPECT_NE(graph->getTensor("a"), a->getOutput(0));
+  EXPECT_TRUE(graph->getTensor("b")->getQuantInfo().isOverridden);
+  EXPECT_EQ(graph->getTensor("b")->getQuantInfo().scaleOffset.minimum, -3.0f);
+}
+
+TEST_F(TransposeTest, InspectTransposeName) {
+  const auto r = graph->getTensor("r");
+  EXPECT_EQ(inspectTransposeName(graph, r, {1, 2, 0}, ""), TransposeName::Free);
+  injectTranspose(graph, "r", {1, 2, 0}, {"a"}, "", false);
+  EXPECT_EQ(inspectTransposeName(graph, r, {1, 2, 0}, ""), TransposeName::Reusable);
+  EXPECT_EQ(inspectTransposeName(graph, r, {1, 2, 0}, "other"), TransposeName::Free);
+  EXPECT_EQ(inspectTransposeName(graph, graph->getTensor("x"), {1, 2, 0}, "r"), TransposeName::Taken);
+  addPlainOp(graph, "r_201", "Relu", {"x"}, {2, 3, 5});
+  EXPECT_EQ(inspectTransposeName(graph, r, {2, 0, 1}, ""), TransposeName::Taken);
+}
+
+// c[2,3] -> Transpose t -> Relu u, Add v
+class SquashConstantTest : public ::testing::Test {
+ protected:
+  SquashConstantTest() {
+    addConstant(graph, "c", {2, 3}, data, sizeof(data));
+    addInput(graph, "x", {3, 2});
+    transpose = addTranspose(graph, "t", "c", {1, 0});
+    graph->updateTensorName("t", "out");
+    u = addPlainOp(graph, "u", "Relu", {"out"}, {3, 2});
+    v = addPlainOp(graph, "v", "Add", {"x", "out"}, {3, 2});
+  }
+  std::vector<float> dataOf(const std::string& name) {
+    const float* first = graph->getStaticTensor(name)->getDataAs<float>();
+    return {first, first + 6};
+  }
+
+  const float data[6] = {1, 2, 3, 4, 5, 6};
+  const std::vector<float> moved = {1, 4, 2, 5, 3, 6};
+  GraphPtr graph = std::make_shared<IrGraph>("g");
+  OpPtr transpose, u, v;
+  CapturedOutput output;
+};
+
+TEST_F(SquashConstantTest, NamesByDirection) {
+  const auto constant = graph->getTensor("c");
+  graph->addTraceSources(TraceKind::Op, "t", {{"st", TraceKind::Op}});
+  graph->addTraceSources(TraceKind::Tensor, "out", {{"so", TraceKind::Tensor}});
+  graph->addTraceSources(TraceKind::Op, "u", {{"su", TraceKind::Op}});
+  squashConstantTranspose(transpose, graph, true);
+  EXPECT_EQ(opNames(graph), (Names{"u", "v"}));
+  EXPECT_EQ(u->getInput(0)->getName(), "c") << "the next op's constant keeps the name";
+  EXPECT_EQ(v->getInput(1), u->getInput(0));
+  EXPECT_EQ(dataOf("c"), moved);
+  EXPECT_EQ(constant->getName(), "out");
+  EXPECT_EQ(
+      graph->getTraceInfo(TraceKind::Op, "u"),
+      (std::vector<TraceSource>{{"st", TraceKind::Op}, {"so", TraceKind::Tensor}, {"su", TraceKind::Op}}));
+  EXPECT_EQ(graph->getTraceInfo(TraceKind::Op, "v").size(), 2u);
+  EXPECT_FALSE(graph->hasTensor("t_c"));
+  expectSound(graph);
+}
+
+TEST_F(SquashConstantTest, IntoThePreviousOp) {
+  const auto constant = graph->getTensor("c");
+  graph->getTensor("out")->setExplicitPermuteOrder({1, 0});
+  squashConstantTranspose(transpose, graph, false);
+  EXPECT_EQ(u->getInput(0)->getName(), "out");
+  EXPECT_EQ(dataOf("out"), moved);
+  EXPECT_EQ(graph->getTensor("out")->getExplicitPermuteOrder(), (Dims{1, 0}));
+  EXPECT_EQ(constant->getName(), "c");
+  expectSound(graph);
+}
+
+TEST_F(SquashConstantTest, RefusesWhatTheApplicationReads) {
+  const struct {
+    const char* tensor;
+    bool intoNext;
+    const char* line;
+  } cases[] = {
+      {"out", true,
+       "squashConstantTranspose: Cannot squash constant Transpose op t into next op: output tensor out is a "
+       "graph "
+       "output (app-read) tensor.\n"},
+      {"c", false,
+       "squashConstantTranspose: Cannot squash constant Transpose op t into previous op: input tensor c is a "
+       "graph "
+       "output (app-read) tensor.\n"},
+  };
+  for (const auto& c : cases) {
+    const auto tensor = graph->getTensor(c.tensor);
+    const TensorType before = tensor->getTensorType();
+    tensor->setTensorType(TensorType::GraphOutput);
+    CapturedOutput line;
+    squashConstantTranspose(transpose, graph, c.intoNext);
+    EXPECT_EQ(line.text(), c.line);
+    EXPECT_EQ(opNames(graph), (Names{"t", "u", "v"}));
+    tensor->setTensorType(before);
+  }
+}
+
+TEST_F(SquashConstantTest, AGraphOutputBecomesTheConstant) {
+  makeGraphOutput(graph, "out");
+  squashConstantTranspose(transpose, graph, false);
+  ASSERT_EQ(graph->getGraphOutputs().size(), 1u);
+  EXPECT_EQ(graph->getGraphOutputs()[0], graph->getTensor("out"));
+  EXPECT_EQ(graph->getTensor("out")->getTensorType(), TensorType::GraphOutput);
+  EXPECT_EQ(dataOf("out"), moved);
+  expectSound(graph);
+}
+
+TEST_F(SquashConstantTest, LeavesATransposeOfComputedDataAlone) {
+  const auto other = addTranspose(graph, "of_u", "u", {1, 0});
+  squashConstantTranspose(other, graph, true);
+  EXPECT_TRUE(graph->hasOp("of_u"));
+  EXPECT_EQ(output.text(), "");
+}
+
+}  // namespace
+}  // namespace netforge::graphrefiner::testing
