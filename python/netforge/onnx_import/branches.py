@@ -8,7 +8,9 @@ from onnx import AttributeProto
 from netforge.onnx_import.errors import OnnxImportError
 
 
-def taken_branch(node: onnx.NodeProto, condition: bool) -> tuple[list[onnx.NodeProto], list[onnx.TensorProto]]:
+def taken_branch(
+    node: onnx.NodeProto, condition: bool
+) -> tuple[list[onnx.NodeProto], list[onnx.TensorProto]]:
     """Nodes and initializers of the branch, their own values named after the node's first output.
 
     The last nodes hand the branch's results to the node's outputs.

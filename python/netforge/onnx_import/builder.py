@@ -1,11 +1,19 @@
-"""What converters use to plan ops: values of the model as tensors of the IR, in the layout that is asked for."""
+"""What converters plan ops with: values of the model as tensors of the IR, in the layout asked for."""
 
 from __future__ import annotations
 
 import numpy as np
 
 from netforge.onnx_import.errors import NotTyped, OnnxImportError
-from netforge.onnx_import.layout import LAST, SOURCE, SPATIAL_FORMATS, TO_LAST, TO_SOURCE, permuted, plain_format
+from netforge.onnx_import.layout import (
+    LAST,
+    SOURCE,
+    SPATIAL_FORMATS,
+    TO_LAST,
+    TO_SOURCE,
+    permuted,
+    plain_format,
+)
 from netforge.onnx_import.plan import Attribute, Plan, PlannedOp, PlannedTensor
 from netforge.onnx_import.preparation import Model, Node
 from netforge.onnx_import.values import Constant, Dims, ValueType
@@ -52,6 +60,9 @@ class Builder:
     def is_constant(self, name: str) -> bool:
         return name in self.model.constants
 
+    def is_scalar_constant(self, name: str) -> bool:
+        return self.is_constant(name) and not self.model.constants[name].dims
+
     def required_constant(self, node: Node, position: int, what: str) -> np.ndarray:
         found = self.constant(node.input(position))
         if found is None:
@@ -72,6 +83,8 @@ class Builder:
             return found
         if name in self.model.constants and layout == SOURCE:
             constant = self.model.constants[name]
+            if not constant.dims:
+                raise NotTyped("it reads a constant of rank 0, which the IR holds as one element of dims [1]")
             return self._static_form(name, constant.dims, SOURCE)
         rank = self.type_of(name).rank
         if layout == LAST:
@@ -91,8 +104,8 @@ class Builder:
         return self._static_form(name, dims, ("dims", dims, format), format)
 
     def get_operand(self, name: str) -> str:
-        """An operand of a broadcasting op: a constant of rank 0 counts there as one element of dims [1]."""
-        if self.is_constant(name) and not self.model.constants[name].dims:
+        """A value for an op that takes a constant of rank 0 as one element of dims [1], as broadcasts do."""
+        if self.is_scalar_constant(name):
             return self.get_with_dims(name, (1,))
         return self.get(name)
 
@@ -132,7 +145,9 @@ class Builder:
         """Plans the tensor of a node's output in the given layout."""
         value = node.outputs[position] if node.has_output(position) else ""
         if not value:
-            raise OnnxImportError(f"output {position} is absent, and the IR can't leave out an output in the middle")
+            raise OnnxImportError(
+                f"output {position} is absent, and the IR can't leave out an output in the middle"
+            )
         kind = self.type_of(value)
         shown = value in self.shown
         format = SPATIAL_FORMATS[kind.rank][1] if layout == LAST else ""
@@ -172,13 +187,20 @@ class Builder:
         """Plans what makes constants visible as graph outputs, and takes out what nobody needs."""
         for value in self.model.outputs:
             if value in self.model.inputs:
-                raise OnnxImportError(f"'{value}' is a graph input and a graph output; the IR can't hold both in one")
+                raise OnnxImportError(
+                    f"'{value}' is a graph input and a graph output; the IR can't hold both in one"
+                )
             if value not in self.model.constants:
                 continue
             kind = self.type_of(value)
-            held = self._static_form(value, kind.dims, SOURCE)
+            held = self._static_form(value, kind.dims or (1,), SOURCE)
             self.plan.tensors[value] = self._tensor_of(value, value, kind, SOURCE, "output")
-            self.plan.ops.append(PlannedOp("Identity", self._free_op_name(value), {}, [held], [value], ""))
+            type_name, attributes = "Identity", {}
+            if not kind.dims:
+                type_name, attributes = "Reshape", {"shape": np.zeros(0, np.uint32)}
+            self.plan.ops.append(
+                PlannedOp(type_name, self._free_op_name(value), attributes, [held], [value], "")
+            )
         self.plan.remove_dead()
         return self.plan
 
@@ -218,7 +240,9 @@ class Builder:
         spatial = layout == LAST or value in self._spatial_values
         source_format = SPATIAL_FORMATS[kind.rank][0] if spatial else plain_format(kind.rank)
         if layout == SOURCE:
-            return PlannedTensor(name, kind.elem_type, kind.dims, source_format, source_format, role, source=value)
+            return PlannedTensor(
+                name, kind.elem_type, kind.dims, source_format, source_format, role, source=value
+            )
         dims = permuted(kind.dims, TO_LAST[kind.rank])
         format = SPATIAL_FORMATS[kind.rank][1]
         return PlannedTensor(name, kind.elem_type, dims, format, source_format, role, source=value)
@@ -235,7 +259,7 @@ class Builder:
         name = value
         if value in self.shown or value in self.plan.tensors:
             sizes = "x".join(str(size) for size in dims)
-            name = self._free_tensor_name(f"{value}_{sizes}" if dims else f"{value}_value")
+            name = self._free_tensor_name(f"{value}_{sizes}")
         rank = len(dims)
         spatial = key == SOURCE and value in self._spatial_values
         format = format or (SPATIAL_FORMATS[rank][0] if spatial else plain_format(rank))
@@ -249,17 +273,26 @@ class Builder:
         kind = self.type_of(value)
         formats = SPATIAL_FORMATS[kind.rank]
         format = formats[0] if after == SOURCE else formats[1]
-        name = value if after == SOURCE and value in self.shown else self._free_tensor_name(f"{value}.{format}")
+        name = (
+            value if after == SOURCE and value in self.shown else self._free_tensor_name(f"{value}.{format}")
+        )
         role = "output" if name == value else "native"
         result = self._transpose(held, order, name, format, role)
         self.plan.tensors[result].source_format = formats[0]
         self._forms[(value, after)] = result
         return result
 
-    def _transpose(self, held: str, order: tuple[int, ...], name: str, format: str, role: str = "native") -> str:
+    def _transpose(
+        self, held: str, order: tuple[int, ...], name: str, format: str, role: str = "native"
+    ) -> str:
         before = self.plan.tensors[held]
         self.plan.tensors[name] = PlannedTensor(
-            name, before.elem_type, permuted(before.dims, order), format, before.source_format, role,
+            name,
+            before.elem_type,
+            permuted(before.dims, order),
+            format,
+            before.source_format,
+            role,
             source=before.source,
         )
         self._plan_transpose(held, order, name)
@@ -269,7 +302,9 @@ class Builder:
         node = self.node.name if self.node is not None else ""
         attributes: dict[str, Attribute] = {"perm": np.array(order, np.uint32)}
         op_name = self._free_op_name(output)
-        self.plan.ops.append(PlannedOp("Transpose", op_name, attributes, [held], [output], node, for_layout=True))
+        self.plan.ops.append(
+            PlannedOp("Transpose", op_name, attributes, [held], [output], node, for_layout=True)
+        )
 
     def _show(self, tensor: str) -> None:
         """A graph output that was computed channel-last is shown as the model has it, right away."""

@@ -28,6 +28,7 @@ _CLASSES = {
     "onnx_opset": 2,
     "onnx_input_positions": 2,
     "onnx_output_positions": 2,
+    "onnx_scalar_inputs": 2,
     "transpose_a": 3,
     "transpose_b": 3,
     "data_format": 3,
@@ -93,7 +94,13 @@ def _tensor(tensor: PlannedTensor) -> netforge.IrTensor:
     external = tensor.constant.external
     if external is not None:
         return netforge.IrStaticTensor.fromExternal(
-            tensor.name, list(tensor.dims), data_type, external.path, external.offset, external.length, **formats
+            tensor.name,
+            list(tensor.dims),
+            data_type,
+            external.path,
+            external.offset,
+            external.length,
+            **formats,
         )
     array = tensor.constant.stored().reshape(tensor.dims)
     return netforge.IrStaticTensor(tensor.name, array, dataType=data_type, **formats)
@@ -123,7 +130,9 @@ def _op(op: PlannedOp) -> netforge.IrOp:
     return netforge.IrOp(op.name, op.type, attributes)
 
 
-def trace_sources(plan: Plan, model: Model) -> tuple[dict[str, list[str]], dict[str, list[str]], dict[str, list[str]]]:
+def trace_sources(
+    plan: Plan, model: Model
+) -> tuple[dict[str, list[str]], dict[str, list[str]], dict[str, list[str]]]:
     """Sources by record: nodes of each op, values of each op, values of each tensor.
 
     A node or value that no op or tensor stands for by itself (folded, merged, or read for its value
@@ -133,7 +142,11 @@ def trace_sources(plan: Plan, model: Model) -> tuple[dict[str, list[str]], dict[
     op_nodes: dict[str, list[str]] = {op.name: [op.node] if op.node else [] for op in plan.ops}
     op_values: dict[str, list[str]] = {op.name: [] for op in plan.ops}
     used = {name for op in plan.ops for name in (*op.inputs, *op.outputs)}
-    tensor_values = {name: [tensor.source] if tensor.source else [] for name, tensor in plan.tensors.items() if name in used}
+    tensor_values = {
+        name: [tensor.source] if tensor.source else []
+        for name, tensor in plan.tensors.items()
+        if name in used
+    }
 
     first_op: dict[str, str] = {}
     for op in plan.ops:
@@ -188,8 +201,9 @@ def _model_values(model: Model) -> list[str]:
 def _trace(graph: netforge.IrGraph, plan: Plan, model: Model) -> None:
     op_nodes, op_values, tensor_values = trace_sources(plan, model)
     op_kind, tensor_kind = netforge.TraceKind.Op, netforge.TraceKind.Tensor
-    node_of = {op.name: op.node for op in plan.ops}
-    producer = {output: op.name for op in plan.ops for output in op.outputs}
+    # Of a tensor that a converter made up, the source is the node of the op at hand.
+    owner = {name: op.node for op in plan.ops for name in (*op.inputs, *op.outputs)}
+    owner.update((output, op.node) for op in plan.ops for output in op.outputs)
     source_ops: dict[str, None] = {}
     source_tensors: dict[str, None] = {}
     for op in plan.ops:
@@ -205,13 +219,8 @@ def _trace(graph: netforge.IrGraph, plan: Plan, model: Model) -> None:
         source_tensors.update(dict.fromkeys(values))
         sources = [netforge.TraceSource(value, tensor_kind) for value in values]
         if not sources:
-            owner = node_of.get(producer.get(name, ""), "") or _reader_node(plan, name)
-            sources = [netforge.TraceSource(owner, op_kind)]
+            sources = [netforge.TraceSource(owner[name], op_kind)]
         graph.addTraceSources(tensor_kind, name, sources)
     order = [node.name for node in (*model.folded, *model.nodes)]
     graph.sourceOpNames = [name for name in order if name in source_ops]
     graph.sourceTensorNames = list(source_tensors)
-
-
-def _reader_node(plan: Plan, tensor: str) -> str:
-    return next(op.node for op in plan.ops if tensor in op.inputs)

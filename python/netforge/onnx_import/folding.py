@@ -21,7 +21,15 @@ from netforge.onnx_import.values import FLOAT_TYPES, Constant, storage_dtype
 _LARGEST_RESULT = 1 << 26
 
 _NOT_REPEATABLE = frozenset(
-    ("RandomNormal", "RandomNormalLike", "RandomUniform", "RandomUniformLike", "Bernoulli", "Multinomial", "Dropout")
+    (
+        "RandomNormal",
+        "RandomNormalLike",
+        "RandomUniform",
+        "RandomUniformLike",
+        "Bernoulli",
+        "Multinomial",
+        "Dropout",
+    )
 )
 
 _SAME_BYTES = frozenset(("Flatten", "Identity", "Reshape", "Squeeze", "Unsqueeze"))
@@ -124,11 +132,13 @@ class Folder:
         if target is None or not target.is_static or math.prod(target.dims) != source.elements:
             return False
         dims = target.dims
-        self.constants[node.output[0]] = Constant(source.elem_type, dims, lambda: source.array().reshape(dims))
+        self.constants[node.output[0]] = Constant(
+            source.elem_type, dims, lambda: source.array().reshape(dims)
+        )
         return True
 
     def _run(self, node: onnx.NodeProto, feeds: dict[str, np.ndarray]) -> list[object]:
-        """The node as a model of its own, since the evaluator takes a bare node for one of the newest version."""
+        """The node as a model of its own, since a bare node counts as one of the newest version."""
         graph = onnx.GraphProto(name="node")
         graph.node.append(node)
         for name in feeds:
@@ -189,7 +199,9 @@ def dense_constant(sparse: onnx.SparseTensorProto) -> Constant:
     dims = tuple(int(size) for size in sparse.dims)
     count = math.prod(dims)
     if count > _LARGEST_RESULT:
-        raise OnnxImportError(f"sparse tensor '{sparse.values.name}' of {count} elements is too large to write out")
+        raise OnnxImportError(
+            f"sparse tensor '{sparse.values.name}' of {count} elements is too large to write out"
+        )
     storage_dtype(sparse.values.data_type)
 
     values = numpy_helper.to_array(sparse.values).reshape(-1)

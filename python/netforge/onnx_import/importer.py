@@ -47,7 +47,9 @@ def plan_model(
     progress(0.0, "reading")
     loaded = load_model(source, external_data_dir)
     progress(0.2, "folding constants")
-    model = prepare(loaded, random_weights, account, lambda done: progress(0.2 + 0.4 * done, "folding constants"))
+    model = prepare(
+        loaded, random_weights, account, lambda done: progress(0.2 + 0.4 * done, "folding constants")
+    )
     progress(0.6, "converting")
     builder = Builder(model, layout == "spatial_first", spatial_values(model))
     for node in model.nodes:

@@ -21,7 +21,9 @@ def type_of_proto(type_proto: onnx.TypeProto, name: str) -> ValueType | None:
     if kind is None:
         return None
     if kind != "tensor_type":
-        raise OnnxImportError(f"'{name}' is a {kind.removesuffix('_type').replace('_', ' ')}; the IR holds tensors only")
+        raise OnnxImportError(
+            f"'{name}' is a {kind.removesuffix('_type').replace('_', ' ')}; the IR holds tensors only"
+        )
     tensor = type_proto.tensor_type
     if not tensor.HasField("shape"):
         return None
@@ -48,7 +50,9 @@ class Inference:
     that hold for the run its author had in mind.
     """
 
-    def __init__(self, model: onnx.ModelProto, opsets: dict[str, int], elsewhere: Container[str] = ()) -> None:
+    def __init__(
+        self, model: onnx.ModelProto, opsets: dict[str, int], elsewhere: Container[str] = ()
+    ) -> None:
         """`elsewhere` names the initializers whose bytes the model lacks."""
         self._model = model
         self._elsewhere = elsewhere
@@ -57,9 +61,7 @@ class Inference:
         self._whole: dict[str, onnx.TypeProto] | None = None
         self.inferred: dict[str, ValueType] = {}
         self._declared: dict[str, onnx.TypeProto] = {
-            info.name: info.type
-            for group in (model.graph.value_info, model.graph.output)
-            for info in group
+            info.name: info.type for group in (model.graph.value_info, model.graph.output) for info in group
         }
 
     def set_type(self, name: str, value: ValueType) -> None:
@@ -113,7 +115,12 @@ class Inference:
                 data[name] = numpy_helper.from_array(np.asarray(constant.array()), name)
         try:
             return shape_inference.infer_node_outputs(
-                schema, node, types, data, opset_imports=self._opset_imports, ir_version=self._model.ir_version
+                schema,
+                node,
+                types,
+                data,
+                opset_imports=self._opset_imports,
+                ir_version=self._model.ir_version,
             )
         except onnx.shape_inference.InferenceError as error:
             raise OnnxImportError(f"its shapes don't fit: {_first_line(error)}") from error
@@ -150,14 +157,18 @@ class Inference:
             inferred = shape_inference.infer_shapes(skeleton, data_prop=True)
         except Exception:  # what it can't do is no fault of the model: the node-wise types remain
             return {}
-        return {info.name: info.type for group in (inferred.graph.value_info, inferred.graph.output) for info in group}
+        return {
+            info.name: info.type
+            for group in (inferred.graph.value_info, inferred.graph.output)
+            for info in group
+        }
 
     def _reduced(self, node: onnx.NodeProto) -> ValueType | None:
         """A reduction over axes that only a run tells: its rank at least."""
         data = self.type_of(node.input[0])
         axes = self.type_of(node.input[1]) if len(node.input) > 1 and node.input[1] else None
         keep = next((attribute.i for attribute in node.attribute if attribute.name == "keepdims"), 1)
-        if data is None or axes is None or not (keep or axes.is_static and 0 not in axes.dims):
+        if data is None or axes is None or not (keep or (axes.is_static and 0 not in axes.dims)):
             return None
         rank = data.rank if keep else data.rank - int(np.prod(axes.dims))
         return ValueType(data.elem_type, tuple(f"?{node.output[0]}.{axis}" for axis in range(max(rank, 0))))

@@ -12,7 +12,14 @@ import numpy as np
 
 from netforge.onnx_import.builder import Builder
 from netforge.onnx_import.errors import NotTyped
-from netforge.onnx_import.layout import CONV_WEIGHT, LAST, SOURCE, SPATIAL_FORMATS, TO_LAST, TRANSPOSED_CONV_WEIGHT
+from netforge.onnx_import.layout import (
+    CONV_WEIGHT,
+    LAST,
+    SOURCE,
+    SPATIAL_FORMATS,
+    TO_LAST,
+    TRANSPOSED_CONV_WEIGHT,
+)
 from netforge.onnx_import.preparation import Node
 from netforge.onnx_import.registry import converter
 from netforge.onnx_import.reshaping import add_expand_dims, add_reshape, reshape_target
@@ -85,10 +92,7 @@ def conv(builder: Builder, node: Node) -> None:
     attributes["padding_size_strategy"] = strategy
     if not depthwise:
         attributes["group"] = np.uint32(group)
-    if data.rank == 5:
-        type_name = "Conv3d"
-    else:
-        type_name = "DepthWiseConv2d" if depthwise else "Conv2d"
+    type_name = "Conv3d" if data.rank == 5 else "DepthWiseConv2d" if depthwise else "Conv2d"
     _add_conv(builder, node, type_name, attributes, CONV_WEIGHT)
 
 
@@ -183,7 +187,9 @@ def _add_by_unit_axis(
         _, after, order = weight_formats[4]
         held = builder.get_tensor_permuted(wide, TO_LAST[4], last)
         weight = builder.get_tensor_permuted(weight, order, after)
-        computed = builder.temporary(f"wide.{last}", out.elem_type, (out.dims[0], 1, out.dims[2], out.dims[1]), last)
+        computed = builder.temporary(
+            f"wide.{last}", out.elem_type, (out.dims[0], 1, out.dims[2], out.dims[1]), last
+        )
         builder.plan.tensors[computed].source_format = source
         builder.add(type_name, [held, weight, *bias], [computed], attributes)
         builder.transpose_into(computed, (0, 3, 1, 2), result)

@@ -42,7 +42,9 @@ def add_unary(builder: Builder, operation: int, operand: str, output: str, suffi
     builder.add("Eltwise_Unary", [operand], [output], {"operation": np.uint32(operation)}, suffix)
 
 
-def add_binary(builder: Builder, operation: int, left: str, right: str, output: str, suffix: str = "") -> None:
+def add_binary(
+    builder: Builder, operation: int, left: str, right: str, output: str, suffix: str = ""
+) -> None:
     builder.add("Eltwise_Binary", [left, right], [output], {"operation": np.uint32(operation)}, suffix)
 
 
@@ -53,7 +55,9 @@ def neuron(builder: Builder, node: Node) -> None:
 
 @converter("Elu")
 def elu(builder: Builder, node: Node) -> None:
-    _add_neuron(builder, node, {"operation": np.uint32(ELU), "alpha": float(node.attributes.get("alpha", 1.0))})
+    _add_neuron(
+        builder, node, {"operation": np.uint32(ELU), "alpha": float(node.attributes.get("alpha", 1.0))}
+    )
 
 
 @converter("HardSigmoid")
@@ -102,7 +106,9 @@ def divide(builder: Builder, node: Node) -> None:
     elif elem_type in UNSIGNED_TYPES:
         operation = FLOOR_DIVIDE
     else:
-        raise NotTyped("division of signed integers cuts towards zero, and the catalogue has no such division")
+        raise NotTyped(
+            "division of signed integers cuts towards zero, and the catalogue has no such division"
+        )
     left, right = operands(builder, node.inputs[:2])
     add_binary(builder, operation, left, right, builder.output(node))
 
@@ -164,8 +170,10 @@ def mean(builder: Builder, node: Node) -> None:
     add_binary(builder, DIVIDE, total, count, builder.output(node))
 
 
-def chain(builder: Builder, node: Node, operation: int, names: list[str], output: str, suffix: str = "") -> None:
-    """Folds operands from the left; the last op writes the output and bears the node's name, or the suffix."""
+def chain(
+    builder: Builder, node: Node, operation: int, names: list[str], output: str, suffix: str = ""
+) -> None:
+    """Folds operands from the left; the last op writes the output and has the node's name, or the suffix."""
     elem_type = builder.plan.tensors[names[0]].elem_type
     running = names[0]
     dims = builder.plan.tensors[running].dims
@@ -210,7 +218,7 @@ def clip(builder: Builder, node: Node) -> None:
         bounds = [None if b is None else np.array(b, np.float32) for b in (low, high)]
     else:
         bounds = [builder.constant(node.input(position)) for position in (1, 2)]
-    given = [node.opset < 11 and bounds[i] is not None or bool(node.input(i + 1)) for i in (0, 1)]
+    given = [(node.opset < 11 and bounds[i] is not None) or bool(node.input(i + 1)) for i in (0, 1)]
     exact = kind.elem_type in (TensorProto.FLOAT, TensorProto.FLOAT16)
     if all(given) and all(b is not None for b in bounds) and exact:
         low, high = (float(b.reshape(-1)[0]) for b in bounds)
@@ -299,4 +307,3 @@ def one_element(value: float, elem_type: int) -> tuple[np.ndarray, int]:
 def _no_legacy_broadcast(node: Node) -> None:
     if "axis" in node.attributes or node.attributes.get("broadcast"):
         raise NotTyped("it broadcasts along an axis of its own")
-

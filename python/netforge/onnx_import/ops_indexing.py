@@ -104,7 +104,13 @@ def dequantize(builder: Builder, node: Node) -> None:
     """y = (x - zero_point) * scale, with the constants as attributes."""
     kind, out = builder.type_of(node.inputs[0]), builder.type_of(node.outputs[0])
     scale = builder.required_constant(node, 1, "the scale")
-    if kind.elem_type not in (TensorProto.INT8, TensorProto.UINT8, TensorProto.INT16, TensorProto.UINT16, TensorProto.INT32):
+    if kind.elem_type not in (
+        TensorProto.INT8,
+        TensorProto.UINT8,
+        TensorProto.INT16,
+        TensorProto.UINT16,
+        TensorProto.INT32,
+    ):
         raise NotTyped("the catalogue dequantises integers of 8, 16 and 32 bits")
     if out.elem_type != TensorProto.FLOAT or scale.dtype != np.float32 or scale.ndim > 1:
         raise NotTyped("the result is of another type than 32-bit floats, or the scale stands per block")

@@ -36,7 +36,13 @@ def matmul(builder: Builder, node: Node) -> None:
         dims = (1, *kind.dims) if axis == 0 else (*kind.dims, 1)
         side = "left" if axis == 0 else "right"
         matrix = builder.temporary(f"{side}_matrix", kind.elem_type, dims)
-        builder.add("ExpandDims", [builder.get(name)], [matrix], {"axes": np.array([axis], np.uint32)}, f"{side}_matrix")
+        builder.add(
+            "ExpandDims",
+            [builder.get(name)],
+            [matrix],
+            {"axes": np.array([axis], np.uint32)},
+            f"{side}_matrix",
+        )
         names.append(matrix)
     product = builder.temporary("product", out.elem_type, tuple(matrix_dims))
     builder.add("MatMul", names, [product], _flags())
@@ -57,7 +63,7 @@ def gemm(builder: Builder, node: Node) -> None:
         raise NotTyped("the product is of integers")
     bias = node.input(2) if beta != 0.0 else ""
     plain_product = alpha == 1.0 and not transposed_a and builder.is_constant(node.inputs[1])
-    if plain_product and (not bias or beta == 1.0 and _is_feature_bias(builder, bias, out.dims[1])):
+    if plain_product and (not bias or (beta == 1.0 and _is_feature_bias(builder, bias, out.dims[1]))):
         _fully_connected(builder, node, bias, transposed_b)
         return
     _matrix_product(builder, node, bias, alpha, beta, _flags(transposed_a, transposed_b))

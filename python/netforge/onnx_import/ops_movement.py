@@ -78,7 +78,10 @@ def concat(builder: Builder, node: Node) -> None:
     rank = builder.type_of(node.outputs[0]).rank
     axis = axis_of(int(node.attributes["axis"]), rank)
     builder.add(
-        "Concat", [builder.get(name) for name in node.inputs], [builder.output(node)], {"axis": np.uint32(axis)}
+        "Concat",
+        [builder.get(name) for name in node.inputs],
+        [builder.output(node)],
+        {"axis": np.uint32(axis)},
     )
 
 
@@ -104,7 +107,9 @@ def split(builder: Builder, node: Node) -> None:
         raise NotTyped("a part is left out")
     cuts = np.cumsum(sizes)[:-1].astype(np.uint32)
     outputs = [builder.output(node, position) for position in range(len(node.outputs))]
-    builder.add("Split", [builder.get(node.inputs[0])], outputs, {"axis": np.uint32(axis), "split_index": cuts})
+    builder.add(
+        "Split", [builder.get(node.inputs[0])], outputs, {"axis": np.uint32(axis), "split_index": cuts}
+    )
 
 
 @converter("Slice")
@@ -150,7 +155,7 @@ def _slice_row(start: int, end: int, step: int, size: int) -> list[int]:
     low, high = (0, size) if step > 0 else (-1, size - 1)
     clamp = lambda at: min(max(at + size if at < 0 else at, low), high)  # noqa: E731
     begin, end = clamp(start), clamp(end)
-    if step > 0 and begin >= end or step < 0 and begin <= end:
+    if (step > 0 and begin >= end) or (step < 0 and begin <= end):
         raise NotTyped("the slice is empty")
     # The size of the result is computed in 32-bit floats.
     if int(np.ceil(np.float32(end - begin) / np.float32(step))) != len(range(begin, end, step)):
@@ -167,12 +172,16 @@ def pad(builder: Builder, node: Node) -> None:
         amounts = [int(amount) for amount in node.attributes["pads"]]
         value = float(node.attributes.get("value", 0.0))
     else:
-        amounts = [int(amount) for amount in builder.required_constant(node, 1, "the list of pads").reshape(-1)]
+        amounts = [
+            int(amount) for amount in builder.required_constant(node, 1, "the list of pads").reshape(-1)
+        ]
         if node.input(2):
             value = _exact_float(builder.required_constant(node, 2, "the pad value"))
     axes = range(kind.rank)
     if node.input(3):
-        axes = [axis_of(int(axis), kind.rank) for axis in builder.required_constant(node, 3, "the list of axes")]
+        axes = [
+            axis_of(int(axis), kind.rank) for axis in builder.required_constant(node, 3, "the list of axes")
+        ]
     pairs = [[0, 0] for _ in range(kind.rank)]
     for place, axis in enumerate(axes):
         pairs[axis] = [amounts[place], amounts[place + len(amounts) // 2]]
@@ -199,7 +208,10 @@ def expand(builder: Builder, node: Node) -> None:
     if out is None or not out.is_static or not out.dims or 0 in out.dims:
         raise NotTyped("the target isn't known, or it is empty")
     builder.add(
-        "Expand", [builder.get_operand(node.inputs[0])], [builder.output(node)], {"shape": np.array(out.dims, np.uint32)}
+        "Expand",
+        [builder.get_operand(node.inputs[0])],
+        [builder.output(node)],
+        {"shape": np.array(out.dims, np.uint32)},
     )
 
 
@@ -215,7 +227,7 @@ def tile(builder: Builder, node: Node) -> None:
 @converter("DepthToSpace", "SpaceToDepth")
 def depth_space(builder: Builder, node: Node) -> None:
     if builder.type_of(node.inputs[0]).rank != 4:
-        raise NotTyped("the data have no two spatial axes")
+        raise NotTyped("the data don't have two spatial axes")
     block = int(node.attributes["blocksize"])
     mode = 1 if node.attributes.get("mode", "DCR") == "CRD" else 0
     attributes = {"block_size": np.array([block, block], np.uint32), "mode": np.uint32(mode)}
@@ -227,7 +239,13 @@ def depth_space(builder: Builder, node: Node) -> None:
 
 
 # Numbers of the ways in which a Resize maps places of the output to places of the input.
-_COORDINATES = {"half_pixel": 0, "pytorch_half_pixel": 1, "align_corners": 2, "asymmetric": 3, "half_pixel_symmetric": 4}
+_COORDINATES = {
+    "half_pixel": 0,
+    "pytorch_half_pixel": 1,
+    "align_corners": 2,
+    "asymmetric": 3,
+    "half_pixel_symmetric": 4,
+}
 _INTERPOLATIONS = {"nearest": 0, "linear": 1, "cubic": 2}
 _NEAREST = {"round_prefer_floor": 0, "round_prefer_ceil": 1, "floor": 2, "ceil": 3}
 
@@ -235,8 +253,10 @@ _NEAREST = {"round_prefer_floor": 0, "round_prefer_ceil": 1, "floor": 2, "ceil":
 @converter("Resize", "Upsample")
 def resize(builder: Builder, node: Node) -> None:
     kind, out = builder.type_of(node.inputs[0]), builder.type_of(node.outputs[0])
-    if kind.rank not in SPATIAL_FORMATS or kind.elem_type not in FLOAT_TYPES and node.attributes.get("mode") != "nearest":
-        raise NotTyped("the data have one to three spatial axes nowhere, or are integers")
+    if kind.rank not in SPATIAL_FORMATS or (
+        kind.elem_type not in FLOAT_TYPES and node.attributes.get("mode") != "nearest"
+    ):
+        raise NotTyped("the data don't have one to three spatial axes, or are integers")
     attributes = node.attributes
     old = node.op_type == "Upsample" or node.opset < 11
     coordinates = "asymmetric" if old else str(attributes.get("coordinate_transformation_mode", "half_pixel"))
@@ -278,7 +298,10 @@ def _scales(builder: Builder, node: Node, rank: int) -> Dims | None:
         position = 2 if node.op_type == "Resize" and node.opset >= 11 else 1
         if not node.input(position):
             return None
-        values = [float(scale) for scale in builder.required_constant(node, position, "the list of scales").reshape(-1)]
+        values = [
+            float(scale)
+            for scale in builder.required_constant(node, position, "the list of scales").reshape(-1)
+        ]
     if not values:
         return None
     axes = node.attributes.get("axes")

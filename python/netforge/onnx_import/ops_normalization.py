@@ -8,8 +8,16 @@ from onnx import TensorProto, helper
 from netforge.onnx_import.builder import Builder
 from netforge.onnx_import.errors import NotTyped
 from netforge.onnx_import.layout import SOURCE, SPATIAL_FORMATS
-from netforge.onnx_import.ops_elementwise import ADD, DIVIDE, MULTIPLY, SQUARE_ROOT, SUBTRACT, add_binary, add_unary
-from netforge.onnx_import.ops_elementwise import one_element
+from netforge.onnx_import.ops_elementwise import (
+    ADD,
+    DIVIDE,
+    MULTIPLY,
+    SQUARE_ROOT,
+    SUBTRACT,
+    add_binary,
+    add_unary,
+    one_element,
+)
 from netforge.onnx_import.preparation import Node
 from netforge.onnx_import.registry import converter
 from netforge.onnx_import.reshaping import add_reshape, reshape_target
@@ -20,7 +28,9 @@ from netforge.onnx_import.values import FLOAT_TYPES
 def batch_normalization(builder: Builder, node: Node) -> None:
     """y = gamma * x + beta per channel, gamma = scale / sqrt(var + epsilon), beta = bias - mean * gamma."""
     kind = builder.type_of(node.inputs[0])
-    if node.attributes.get("training_mode", 0) or any(builder.is_read(node, i) for i in range(1, len(node.outputs))):
+    if node.attributes.get("training_mode", 0) or any(
+        builder.is_read(node, i) for i in range(1, len(node.outputs))
+    ):
         raise NotTyped("it is in training mode")
     if node.opset < 9 and not node.attributes.get("spatial", 1):
         raise NotTyped("it normalises each place by itself")
@@ -67,7 +77,7 @@ def _computed_parameters(builder: Builder, node: Node, epsilon: float, elem_type
 def instance_normalization(builder: Builder, node: Node) -> None:
     kind = builder.type_of(node.inputs[0])
     if kind.rank not in SPATIAL_FORMATS:
-        raise NotTyped("the data have one to three spatial axes nowhere")
+        raise NotTyped("the data don't have one to three spatial axes")
     layout = builder.op_layout
     epsilon = float(node.attributes.get("epsilon", 1e-5))
     names = [builder.get(node.inputs[0], layout), *(builder.get(name) for name in node.inputs[1:3])]
@@ -78,7 +88,7 @@ def instance_normalization(builder: Builder, node: Node) -> None:
 def local_response_normalization(builder: Builder, node: Node) -> None:
     kind = builder.type_of(node.inputs[0])
     if kind.rank not in SPATIAL_FORMATS:
-        raise NotTyped("the data have one to three spatial axes nowhere")
+        raise NotTyped("the data don't have one to three spatial axes")
     attributes = {
         "size": np.uint32(int(node.attributes["size"])),
         "alpha": float(node.attributes.get("alpha", 1e-4)),
@@ -112,7 +122,12 @@ def layer_normalization(builder: Builder, node: Node) -> None:
         "epsilon": float(node.attributes.get("epsilon", 1e-5)),
     }
     type_name = "LayerNorm" if node.op_type == "LayerNormalization" else "RmsNorm"
-    builder.add(type_name, [builder.get(name) for name in (node.inputs[0], *names)], [builder.output(node)], attributes)
+    builder.add(
+        type_name,
+        [builder.get(name) for name in (node.inputs[0], *names)],
+        [builder.output(node)],
+        attributes,
+    )
 
 
 @converter("LpNormalization")
@@ -131,7 +146,7 @@ def softmax(builder: Builder, node: Node) -> None:
         raise NotTyped("the operand is of rank 0")
     axis = int(node.attributes.get("axis", -1 if node.opset >= 13 else 1))
     axis += kind.rank if axis < 0 else 0
-    held, output = node.inputs[0], node.outputs[0]
+    held = node.inputs[0]
     if node.opset >= 13 or axis == kind.rank - 1 or all(size == 1 for size in kind.dims[axis + 1 :]):
         attributes = {"axis": np.uint32(axis), "beta": 1.0}
         builder.add(node.op_type, [builder.get(held)], [builder.output(node)], attributes)
@@ -146,4 +161,3 @@ def softmax(builder: Builder, node: Node) -> None:
     add_reshape(builder, builder.get(held), before, into, "flat")
     builder.add(node.op_type, [before], [after], {"axis": np.uint32(1), "beta": 1.0})
     add_reshape(builder, after, builder.output(node), back, "unflat")
-    del output

@@ -28,7 +28,10 @@ def pool(builder: Builder, node: Node) -> None:
     ceil_mode = bool(node.attributes.get("ceil_mode", 0))
     if window.auto_pad != "NOTSET":
         # With computed pads both roundings agree; without any the model's inference rounds down.
-        if any(isinstance(size, int) and size != expected for size, expected in _floor_sizes(window, data.dims, out.dims)):
+        if any(
+            isinstance(size, int) and size != expected
+            for size, expected in _floor_sizes(window, data.dims, out.dims)
+        ):
             raise NotTyped("automatic padding and rounding up don't agree")
         ceil_mode = False
     count = len(window.kernel)

@@ -111,8 +111,8 @@ def prepare(
                 folded.append(node)
                 waiting.extend(names.node(proto, opsets) for proto in reversed(inner))
                 continue
-            inference.infer(node.proto, constants)
-            if folding.fold(node.proto):
+            _refuse_unholdable(node.proto)
+            if _infer_and_fold(node.proto, inference, folding):
                 folded.append(node)
                 for name in filter(None, node.outputs):
                     inference.set_type(name, _type_of_constant(constants[name]))
@@ -202,7 +202,9 @@ def _captured(proto: onnx.NodeProto) -> set[str]:
         graph = waiting.pop()
         for node in graph.node:
             found.update(node.input)
-            waiting.extend(attribute.g for attribute in node.attribute if attribute.type == AttributeProto.GRAPH)
+            waiting.extend(
+                attribute.g for attribute in node.attribute if attribute.type == AttributeProto.GRAPH
+            )
         found.update(info.name for info in graph.output)
     return found
 
@@ -215,12 +217,27 @@ def _readers(nodes: list[Node], outputs: list[str]) -> dict[str, set[str]]:
     return readers
 
 
-def _decode_attributes(node: Node) -> None:
-    for attribute in node.proto.attribute:
-        if attribute.type in _UNHOLDABLE:
+def _infer_and_fold(proto: onnx.NodeProto, inference: Inference, folding: Folder) -> bool:
+    """True when the outputs are constants now. Inference can be stricter than the evaluator."""
+    try:
+        inference.infer(proto, folding.constants)
+    except OnnxImportError:
+        if folding.fold(proto):
+            return True
+        raise
+    return folding.fold(proto)
+
+
+def _refuse_unholdable(proto: onnx.NodeProto) -> None:
+    for attribute in proto.attribute:
+        if attribute.type in _UNHOLDABLE and attribute.name != "sparse_value":
             raise OnnxImportError(
                 f"attribute '{attribute.name}' holds {_UNHOLDABLE[attribute.type]}, which the IR can't hold"
             )
+
+
+def _decode_attributes(node: Node) -> None:
+    for attribute in node.proto.attribute:
         value = helper.get_attribute_value(attribute)
         try:
             if attribute.type == AttributeProto.STRING:

@@ -8,7 +8,9 @@ import numpy as np
 import onnx
 
 # Consumers that hand a fill on in another form.
-_FORWARDING = frozenset(("Identity", "Unsqueeze", "Squeeze", "Reshape", "Flatten", "Transpose", "Cast", "Expand"))
+_FORWARDING = frozenset(
+    ("Identity", "Unsqueeze", "Squeeze", "Reshape", "Flatten", "Transpose", "Cast", "Expand")
+)
 
 # Operator -> role of each of its inputs, by position.
 _ROLES = {
@@ -59,7 +61,7 @@ def draw(role: str, dims: tuple[int, ...], key: tuple[int, int]) -> np.ndarray:
     """Values of a role, the same for the same key in every process.
 
     Weights have the variance 2 / fan-in, which keeps the variance of activations through a chain of
-    rectified layers (He et al., 2015), scales and variances lie around one and are positive, biases are small.
+    rectified layers (He et al., 2015); scales and variances are positive and around one, biases are small.
     """
     random = np.random.default_rng(list(key))
     if role in ("scale", "variance"):

@@ -6,7 +6,6 @@ import json
 from collections.abc import Callable
 
 import numpy as np
-import onnx
 from onnx import AttributeProto
 
 from netforge.onnx_import.account import ImportAccount
@@ -21,14 +20,17 @@ Converter = Callable[[Builder, Node], None]
 _converters: dict[str, Converter] = {}
 
 # Type strings that stand for ops of the catalogue, or that passes know: no plain op may bear one.
-RESERVED_TYPES = frozenset(
-    """Arg Batchnorm Cast ColorTransform Concat Conv2d Conv3d Convert CreateSparse CumulativeSum DepthToSpace
-    DepthWiseConv2d Dequantize ElementWiseMux ElementWiseNeuron ElementWiseUnary Eltwise_Binary Eltwise_Ternary
-    Eltwise_Unary Expand ExpandDims FullyConnected Gather GatherElements GatherNd Gelu GetSparseIndices
-    GetSparseValues Gru HadamardTransform Identity InstanceNorm Inverse L2Norm LayerNorm LogSoftmax Lrn Lstm MatMul
-    Mean Neuron Pack Pad Pool Pool3d Prelu Reduce ReduceL2 Reshape Resize RmsNorm ScatterNd Softmax SpaceToDepth
-    Split StridedSlice ThresholdedRelu Tile TopK Transpose TransposeConv2d TransposeConv3d constant input""".split()
-)
+RESERVED_TYPES = frozenset((
+    "Arg", "Batchnorm", "Cast", "ColorTransform", "Concat", "Conv2d", "Conv3d", "Convert",
+    "CreateSparse", "CumulativeSum", "DepthToSpace", "DepthWiseConv2d", "Dequantize", "ElementWiseMux",
+    "ElementWiseNeuron", "ElementWiseUnary", "Eltwise_Binary", "Eltwise_Ternary", "Eltwise_Unary",
+    "Expand", "ExpandDims", "FullyConnected", "Gather", "GatherElements", "GatherNd", "Gelu",
+    "GetSparseIndices", "GetSparseValues", "Gru", "HadamardTransform", "Identity", "InstanceNorm",
+    "Inverse", "L2Norm", "LayerNorm", "LogSoftmax", "Lrn", "Lstm", "MatMul", "Mean", "Neuron", "Pack",
+    "Pad", "Pool", "Pool3d", "Prelu", "Reduce", "ReduceL2", "Reshape", "Resize", "RmsNorm", "ScatterNd",
+    "Softmax", "SpaceToDepth", "Split", "StridedSlice", "ThresholdedRelu", "Tile", "TopK", "Transpose",
+    "TransposeConv2d", "TransposeConv3d", "constant", "input",
+))  # fmt: skip
 
 
 def converter(*op_types: str) -> Callable[[Converter], Converter]:
@@ -60,7 +62,9 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
         function(builder, node)
     except NotTyped as reason:
         if any(not op.for_layout for op in builder.plan.ops[planned:]):
-            raise AssertionError(f"converter of {node.label} planned ops before it refused: {reason}") from reason
+            raise AssertionError(
+                f"converter of {node.label} planned ops before it refused: {reason}"
+            ) from reason
         account.plain_reasons[node.name] = str(reason)
         plain_op(builder, node)
     except OnnxImportError as error:
@@ -71,11 +75,16 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
         raise OnnxImportError(f"it can't be converted: {error!r}", node=node.label) from error
 
 
+# Operators that later versions know under another name, with nothing else changed.
+_RENAMED = {"Scatter": ("ScatterElements", 11)}
+
+
 def plain_type(node: Node) -> str:
     """The ONNX name; with "Onnx" in front where the catalogue has another meaning for it, or the domain."""
     if node.domain:
         return f"{node.domain}.{node.op_type}"
-    return f"Onnx{node.op_type}" if node.op_type in RESERVED_TYPES else node.op_type
+    name, _ = _RENAMED.get(node.op_type, (node.op_type, 0))
+    return f"Onnx{name}" if name in RESERVED_TYPES else name
 
 
 def plain_op(builder: Builder, node: Node) -> None:
@@ -85,15 +94,19 @@ def plain_op(builder: Builder, node: Node) -> None:
     if not inputs:
         raise OnnxImportError("the IR can't hold an op without inputs", node=node.label)
     attributes = {name: _attribute(node, name) for name in node.attributes}
-    attributes["onnx_opset"] = np.uint32(node.opset)
+    _, oldest = _RENAMED.get(node.op_type, (node.op_type, 0)) if not node.domain else ("", 0)
+    attributes["onnx_opset"] = np.uint32(max(node.opset, oldest))
     if node.domain:
         attributes["onnx_domain"] = node.domain
     for key, places in (("onnx_input_positions", inputs), ("onnx_output_positions", outputs)):
         if [position for position, _ in places] != list(range(len(places))):
             attributes[key] = np.array([position for position, _ in places], np.uint32)
+    scalars = [position for position, name in inputs if builder.is_scalar_constant(name)]
+    if scalars:
+        attributes["onnx_scalar_inputs"] = np.array(scalars, np.uint32)
     builder.add(
         plain_type(node),
-        [builder.get(name) for _, name in inputs],
+        [builder.get_operand(name) for _, name in inputs],
         [builder.output(node, position) for position, _ in outputs],
         attributes,
         plain=True,
@@ -120,5 +133,5 @@ def _attribute(node: Node, name: str) -> Attribute:
     if proto.type == AttributeProto.TENSOR:
         return Constant.from_proto(value, None).stored()
     raise OnnxImportError(
-        f"attribute '{name}' of kind {onnx.AttributeProto.AttributeType.Name(proto.type).lower()} can't be held"
+        f"attribute '{name}' of kind {AttributeProto.AttributeType.Name(proto.type).lower()} can't be held"
     )

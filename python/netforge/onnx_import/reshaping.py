@@ -47,5 +47,7 @@ def add_expand_dims(builder: Builder, held: str, output: str, axes: list[int], s
         dims.insert(axis, 1)
         step = f"{suffix}_axis_{axis}" if suffix else f"axis_{axis}"
         result = output if last else builder.temporary(step, tensor.elem_type, tuple(dims))
-        builder.add("ExpandDims", [held], [result], {"axes": np.array([axis], np.uint32)}, suffix if last else step)
+        builder.add(
+            "ExpandDims", [held], [result], {"axes": np.array([axis], np.uint32)}, suffix if last else step
+        )
         held = result

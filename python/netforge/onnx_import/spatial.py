@@ -6,15 +6,17 @@ from netforge.onnx_import.layout import SPATIAL_FORMATS
 from netforge.onnx_import.preparation import Model
 
 # Operators whose first input and first output have channels and spatial axes.
-LAYOUT_OPERATORS = frozenset(
-    """AveragePool BatchNormalization Conv ConvTranspose DepthToSpace GlobalAveragePool GlobalMaxPool
-    InstanceNormalization LRN LpPool MaxPool Resize SpaceToDepth Upsample""".split()
-)
+LAYOUT_OPERATORS = frozenset((
+    "AveragePool", "BatchNormalization", "Conv", "ConvTranspose", "DepthToSpace", "GlobalAveragePool",
+    "GlobalMaxPool", "InstanceNormalization", "LRN", "LpPool", "MaxPool", "Resize", "SpaceToDepth",
+    "Upsample",
+))  # fmt: skip
 # Operators that leave the axes of their operands where they are.
-_KEEPING = frozenset(
-    """Abs Add Cast Clip Concat Div Dropout Elu Exp HardSigmoid HardSwish Identity LeakyRelu Max Mean Min Mul Neg PRelu
-    Pad Pow Relu Selu Sigmoid Slice Softplus Sqrt Sub Sum Tanh""".split()
-)
+_KEEPING = frozenset((
+    "Abs", "Add", "Cast", "Clip", "Concat", "Div", "Dropout", "Elu", "Exp", "HardSigmoid", "HardSwish",
+    "Identity", "LeakyRelu", "Max", "Mean", "Min", "Mul", "Neg", "PRelu", "Pad", "Pow", "Relu", "Selu",
+    "Sigmoid", "Slice", "Softplus", "Sqrt", "Sub", "Sum", "Tanh",
+))  # fmt: skip
 
 
 def spatial_values(model: Model) -> set[str]:

@@ -142,7 +142,9 @@ class Constant:
         if tensor.HasField("raw_data") and tensor.data_type in _STORAGE:
             dtype = _STORAGE[tensor.data_type][1]
             if dtype is not None and tensor.data_type != TensorProto.BFLOAT16:
-                return cls(tensor.data_type, dims, lambda: _array_of_bytes(tensor.name, tensor.raw_data, dims, dtype))
+                return cls(
+                    tensor.data_type, dims, lambda: _array_of_bytes(tensor.name, tensor.raw_data, dims, dtype)
+                )
         return cls(tensor.data_type, dims, lambda: _read(tensor))
 
     @classmethod
@@ -199,7 +201,9 @@ def _external_bytes(tensor: TensorProto, expected: int, folder: str | None) -> E
     root = os.path.realpath(folder)
     path = os.path.realpath(os.path.join(root, location))
     if not location or os.path.isabs(location) or os.path.commonpath((root, path)) != root:
-        raise OnnxImportError(f"tensor '{tensor.name}' names the file '{location}' outside the model's folder")
+        raise OnnxImportError(
+            f"tensor '{tensor.name}' names the file '{location}' outside the model's folder"
+        )
     if not os.path.isfile(path):
         raise OnnxImportError(f"tensor '{tensor.name}' lies in the file '{location}', which doesn't exist")
     try:
@@ -208,7 +212,9 @@ def _external_bytes(tensor: TensorProto, expected: int, folder: str | None) -> E
     except ValueError as error:
         raise OnnxImportError(f"tensor '{tensor.name}' has a bad place in '{location}'") from error
     if length != expected:
-        raise OnnxImportError(f"tensor '{tensor.name}' has {length} bytes in '{location}', expected {expected}")
+        raise OnnxImportError(
+            f"tensor '{tensor.name}' has {length} bytes in '{location}', expected {expected}"
+        )
     if offset < 0 or offset + length > os.path.getsize(path):
         raise OnnxImportError(f"tensor '{tensor.name}' ends beyond the end of the file '{location}'")
     return ExternalBytes(path, offset, length)
