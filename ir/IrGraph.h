@@ -114,6 +114,7 @@ class IrGraph {
   bool hasTensor(const std::string& name) const;
   OpPtr getOp(const std::string& name) const;  // null when absent
   bool hasOp(const std::string& name) const;
+  bool holdsOp(const OpPtr& op) const;  // this very op, whatever stands under its name; false for null
   /// The execution order. The reference and its elements are valid until the next edit of the graph: copy
   /// the vector before a walk that edits. Materialised at the call after edits in the middle, so prefer
   /// numOps and getOpAt in code that looks at one place between edits.

@@ -129,6 +129,10 @@ bool IrGraph::hasOp(const std::string& opName) const {
   return opsByName.contains(opName);
 }
 
+bool IrGraph::holdsOp(const OpPtr& op) const {
+  return opOrder.contains(op.get());
+}
+
 const std::vector<IrGraph::OpPtr>& IrGraph::getOps() const {
   return opOrder.asVector();
 }

@@ -113,11 +113,7 @@ void IrGraph::setTraceInfo(TraceKind kind, const std::string& recordName,
 void IrGraph::addTraceSources(TraceKind kind, const std::string& recordName,
                               const std::vector<TraceSource>& sources) {
   if (sources.empty()) return;
-  TraceTable& table = traceTable(kind);
-  TraceSourceList list;
-  list.add(sources);
-  if (const TraceRecord* record = table.find(recordName); record != nullptr) list.add(record->sources);
-  table.set(recordName, list.sources());
+  traceTable(kind).prepend(recordName, sources);
 }
 
 void IrGraph::addTraceSources(const Names& opNames, const Names& tensorNames,

@@ -157,7 +157,7 @@ const std::vector<std::shared_ptr<MatchAndRewriteRule>>& SequenceTransformPass::
 }
 
 bool graphHoldsOp(const GraphPtr& graph, const OpPtr& op) {
-  return op && graph->getOp(op->getName()) == op;
+  return graph->holdsOp(op);
 }
 
 std::vector<OpPtr> snapshotOps(const GraphPtr& graph) {

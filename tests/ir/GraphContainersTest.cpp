@@ -255,6 +255,39 @@ TEST(TraceTable, FollowsAListOverRandomEdits) {
   }
 }
 
+TEST(TraceTable, RecordsGrowAtTheFrontHoweverLong) {
+  Random random(41);
+  TraceTable table;
+  std::map<std::string, std::vector<TraceSource>> model;
+  for (int edit = 0; edit < 4000; ++edit) {
+    const std::string name = "r" + std::to_string(random.below(4));
+    std::vector<TraceSource>& expected = model[name];
+    std::vector<TraceSource> sources;
+    for (std::size_t i = random.below(4); i > 0; --i) {
+      const TraceSource source{"s" + std::to_string(random.below(150)), TraceKind::Op};
+      if (std::find(sources.begin(), sources.end(), source) == sources.end()) sources.push_back(source);
+    }
+    if (random.below(300) == 0) {
+      table.erase(name);
+      expected.clear();
+      table.set(name, sources);
+    } else {
+      if (random.below(50) == 0) sources = expected;  // nothing but what is there
+      table.prepend(name, sources);
+      for (const TraceSource& source : expected) {
+        if (std::find(sources.begin(), sources.end(), source) == sources.end()) sources.push_back(source);
+      }
+    }
+    expected = sources;
+    if (random.below(5) == 0) {
+      ASSERT_EQ(table.find(name)->sources, expected);
+    }
+    if (random.below(100) == 0) {
+      for (const TraceRecord& record : table.records()) ASSERT_EQ(record.sources, model.at(record.name));
+    }
+  }
+}
+
 TEST(TraceSourceList, KeepsFirstOccurrencesInOrderHoweverLong) {
   TraceSourceList list;
   std::vector<TraceSource> expected;
