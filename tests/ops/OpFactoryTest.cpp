@@ -290,7 +290,7 @@ TEST(OpFactory, PackageNameIsAddedUnlessGiven) {
 struct MandatoryCase {
   const char* type;
   const char* className;  // the factory is "create" and this
-  const char* word;       // what the text calls the op
+  const char* word;       // what the failure calls the op
   std::vector<const char*> parameters;
 };
 
