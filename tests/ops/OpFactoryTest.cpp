@@ -253,7 +253,7 @@ TEST(OpFactory, NeuronDefaultsDependOnTheOperation) {
   });
   expectFailure<std::runtime_error>(
       "netforge::IrAttributes::assertAttrExists: Attribute 'max_value' not present. Available attributes "
-      "count: 3",
+      "count: 2",
       [] {
         createOp("ElementWiseNeuron", "n", {{"operation", 5u}, {"min_value", 0.0f}});
       });
