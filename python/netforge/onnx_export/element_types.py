@@ -26,7 +26,9 @@ _BY_NAME = {
     "SFIXED_POINT_8": INT8, "SFIXED_POINT_16": INT16, "SFIXED_POINT_32": INT32,
     "UFIXED_POINT_8": UINT8, "UFIXED_POINT_16": UINT16, "UFIXED_POINT_32": UINT32,
 }  # fmt: skip
-_ELEMENT_TYPES = {int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()}
+_ELEMENT_TYPES = {
+    int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()
+}
 
 
 def element_type(data_type: netforge.DataType) -> int:

@@ -66,7 +66,9 @@ def _value_info(tensor: netforge.IrTensor, symbols: bool) -> onnx.ValueInfoProto
     return helper.make_tensor_value_info(tensor.name, element_type(tensor.dataType), dims)
 
 
-def _model(graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx.TensorProto]) -> onnx.ModelProto:
+def _model(
+    graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx.TensorProto]
+) -> onnx.ModelProto:
     shown = {tensor.name for tensor in (*graph.graphInputs, *graph.graphOutputs)}
     written = {name for node in writer.nodes for name in node.output} - shown
     inner = [tensor for name, tensor in graph.tensors.items() if name in written]
@@ -82,7 +84,11 @@ def _model(graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx
     opsets += [helper.make_opsetid(domain, version) for domain, version in sorted(writer.domains.items())]
     ir_version = next((ir for last, ir in _IR_VERSIONS if writer.opset <= last), onnx.IR_VERSION)
     return helper.make_model(
-        proto, opset_imports=opsets, ir_version=ir_version, producer_name="netforge", producer_version=netforge.__version__
+        proto,
+        opset_imports=opsets,
+        ir_version=ir_version,
+        producer_name="netforge",
+        producer_version=netforge.__version__,
     )
 
 
@@ -116,7 +122,9 @@ def to_onnx(
         return _model(graph, writer, outside(constants, external_data))
     total = total_bytes(constants)
     if total > LARGEST_INSIDE:
-        raise OnnxExportError(f"{total} bytes of constants are more than one model can hold: name a file for external data")
+        raise OnnxExportError(
+            f"{total} bytes of constants are more than one model can hold: name a file for external data"
+        )
     return _model(graph, writer, [inside(found) for found in constants])
 
 

@@ -73,7 +73,9 @@ def stands_in(op: netforge.IrOp, version: int) -> bool:
     names = {key for key in op.attributes.keys() if key not in _OWN | _OWN_PLACES}
     if not names <= set(after.attributes):
         return False
-    if any(after.attributes[key].type != before.attributes[key].type for key in names & set(before.attributes)):
+    if any(
+        after.attributes[key].type != before.attributes[key].type for key in names & set(before.attributes)
+    ):
         return False
     count = len(op.inputs)
     required = [key for key, attribute in after.attributes.items() if attribute.required]
@@ -135,7 +137,11 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
     types = defs.OpSchema.AttrType
     if isinstance(value, netforge.IrStaticTensor):
         array = value.numpy().reshape(tuple(value.dims))
-        if kind == types.TENSOR or kind is None and (array.ndim != 1 or array.dtype not in (np.int64, np.float32)):
+        if (
+            kind == types.TENSOR
+            or kind is None
+            and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
+        ):
             return numpy_helper.from_array(np.ascontiguousarray(array))
         if kind == types.INT:
             return int(array.reshape(-1)[0])
@@ -150,7 +156,12 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
 
 
 def _write_converted(
-    op: OpWriter, name: str, version: int, inputs: list[str], outputs: list[str], attributes: dict[str, object]
+    op: OpWriter,
+    name: str,
+    version: int,
+    inputs: list[str],
+    outputs: list[str],
+    attributes: dict[str, object],
 ) -> None:
     """Brings the node to the graph's version, as the onnx package converts a model of this one node."""
     if name in _RENAMED:
