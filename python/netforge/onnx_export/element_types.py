@@ -32,7 +32,7 @@ _ELEMENT_TYPES = {
 
 
 def element_type(data_type: netforge.DataType) -> int:
-    """ONNX element type of an IR data type; raises OnnxExportError for one that no tensor is exported with."""
+    """ONNX element type of an IR data type; raises OnnxExportError for one that no tensor is exported with."""  # noqa: E501
     found = _ELEMENT_TYPES.get(int(data_type))
     if found is None:
         raise OnnxExportError(f"tensors of data type {netforge.getDataTypeName(data_type)} can't be exported")
@@ -51,18 +51,18 @@ _WIDE = frozenset((INT32, INT64))
 _ARITHMETIC = _ALL_FLOATS | INTEGERS
 _KERNELS: dict[str, frozenset[int]] = {
     **dict.fromkeys(
-        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf", "ThresholdedRelu",
+        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf", "ThresholdedRelu",  # noqa: E501
          "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN", "InstanceNormalization"),
         _SHORT_FLOATS,
     ),
     **dict.fromkeys(
-        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax", "Gemm",
+        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax", "Gemm",  # noqa: E501
          "LogSoftmax", "LpNormalization", "SpaceToDepth", "LayerNormalization"),
         _ALL_FLOATS,
     ),
     **dict.fromkeys(("Abs", "Add", "Div", "Mod", "Mul", "Sub", "Sign"), _ARITHMETIC),
     **dict.fromkeys(("Greater", "GreaterOrEqual", "Less", "LessOrEqual"), _ARITHMETIC),
-    **dict.fromkeys(("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE),
+    **dict.fromkeys(("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE),  # noqa: E501
     **dict.fromkeys(("ReduceMax", "ReduceMin", "ArgMax", "ArgMin"), _ALL_FLOATS | _WIDE | {INT8, UINT8}),
     **dict.fromkeys(("Max", "Min", "MatMul"), _ALL_FLOATS | _WIDE | {UINT32, UINT64}),
     "Equal": _ARITHMETIC | {BOOL},

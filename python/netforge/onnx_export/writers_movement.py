@@ -15,7 +15,7 @@ def transpose(op: OpWriter) -> None:
 
 @writer("Reshape")
 def reshape(op: OpWriter) -> None:
-    """To the dims of the output. Where several of them vary, the attribute says which are copied from the input."""
+    """To the dims of the output. Where several of them vary, the attribute says which are copied from the input."""  # noqa: E501
     out = op.out_dims()
     if out.count(None) > 1:
         given = op.integers("shape", [])
@@ -81,7 +81,7 @@ def split(op: OpWriter) -> None:
         for position in outputs:
             op.result(op.slice(op.x, bounds[position], bounds[position + 1], axis), position)
         return
-    sizes = op.shape([after - before for before, after in zip(bounds, bounds[1:])], "sizes")
+    sizes = op.shape([after - before for before, after in zip(bounds, bounds[1:])], "sizes")  # noqa: B905, RUF007
     parts = op.nodes("Split", [op.x, sizes], {"axis": axis}, [op.kind(op.x)] * len(outputs))
     for position, part in enumerate(parts):
         op.result(part, position)
@@ -146,7 +146,7 @@ def strided_slice(op: OpWriter) -> None:
     value = op.x
     moving = [row for row in bounds if row[1:] != (0, END, 1) and row[1:] != (0, dims[row[0]], 1)]
     if moving:
-        axes, begins, ends, steps = (list(column) for column in zip(*moving))
+        axes, begins, ends, steps = (list(column) for column in zip(*moving))  # noqa: B905
         values = (begins, ends, axes, steps)
         value = op.node("Slice", [value, *(op.shape(column, "bounds") for column in values)])
     if dropped:

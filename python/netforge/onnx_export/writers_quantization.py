@@ -2,9 +2,9 @@
 
 A tensor of a fixed-point type holds integers q that stand for scale (q - zero point). Its encoding says
 what the smallest of them stands for, or, where that is left at 0, an offset that is the zero point's negative.
-"""
+"""  # noqa: E501
 
-from __future__ import annotations
+from __future__ import annotations  # noqa: I001
 
 from dataclasses import dataclass
 
