@@ -242,6 +242,20 @@ TEST(GeluApprox, FusesTwoClustersAndReadersStay) {
                )"}});
 }
 
+TEST(GeluApprox, AnOpThatTheNamePolicyDoesNotKnowKeepsItsName) {
+  const std::string name = "_elementwiseneuron_0";
+  expectPass(PassId::MatchGeluApprox,
+             {{.fault = "a name is given twice, and the graph is left half edited",
+               .before = kConstants + kInput + cluster(1, false) + "out y",
+               .after = kConstants + kInput + "_elementwiseneuron_1: y = ElementWiseNeuron(x) operation=1\n" +
+                        name + "[2,3] = Custom(x)\nout y",
+               .prepare = [&](IrGraph& graph) {
+                 graph.getNamePolicy();  // made before the op comes in
+                 graph.addOp(std::make_shared<ops::IrOp>(name, "Custom", nullptr), {"x"}, {name},
+                             std::vector<AxisFormat>{}, -1, false);
+               }}});
+}
+
 TEST(GeluApprox, TheSourcesOfTheRootGoToTheFusedOp) {
   const TraceSource opSource{"model_op", TraceKind::Op};
   const TraceSource tensorSource{"model_tensor", TraceKind::Tensor};

@@ -210,6 +210,10 @@ TEST(RemoveIdentity, AReshapeInFrontOfAFlatteningFullyConnectedGoes) {
        .prints = kRule + "handleReshapeOp: Squash Reshape Op: r due to IdentityOp. Input shape: "
                          "IrTensorShape(dims = [2,3,4] , dy_axes=[]), shape after "
                          "IrTensorShape(dims = [2,12] , dy_axes=[])\n\n"},
+      {.fault = "the flat shape stays under data of another shape",
+       .before = "in x[2,3,4] f32\nconst w[12,5] f32 = iota\na = Relu(x)\nr[2,12] = Reshape(a)\n"
+                 "y = FullyConnected(r, w)\nout y",
+       .after = "in x[2,3,4] f32\nconst w[12,5] f32 = iota\na = Relu(x)\ny = FullyConnected(a, w)\nout y"},
       {.fault = "the shape that the FullyConnected reads is not the one of the data",
        .before = "in x[2,3,4] f32\nconst w[12,5] f32 = iota\na = Relu(x)\nr[2,12] = Reshape(a)\n"
                  "y = FullyConnected(r, w)\nz = Relu(a)\nout y\nout z",
@@ -227,6 +231,8 @@ TEST(RemoveIdentity, AReshapeInFrontOfAFlatteningFullyConnectedGoes) {
       {"an op that keeps dims is fed another rank", "x[2,3,4]",
        "r[2,12] = Reshape(x)\ny = FullyConnected(r, w) keep_dims=true"},
       {"the weight is reshaped away", "x[12,5,1]", "r[12,5] = Reshape(x)\ny = FullyConnected(d, r)"},
+      {"data that are the weight too are reshaped away", "x[2,1,2]",
+       "r[2,2] = Reshape(x)\ny = FullyConnected(r, r)"},
       {"another op flattens", "x[2,3,4]", "r[2,12] = Reshape(x)\ny = MatMul(r, w)"},
       {"a second reader sees the flat shape change", "x[2,3,4]",
        "r[2,12] = Reshape(x)\ny = FullyConnected(r, w)\nz = Relu(r)\nout z"},
