@@ -256,7 +256,7 @@ class IrGraph {
   NameIndex<TensorPtr> tensors;
   std::vector<TensorPtr> graphInputs;
   std::vector<TensorPtr> graphOutputs;
-  OpOrder order;  // the ops
+  OpOrder opOrder;
   NameIndex<OpPtr> opsByName;
   std::shared_ptr<AxisOrder> axisOrder;
   TraceTable opTraceInfo;

@@ -134,7 +134,7 @@ void IrGraph::prune(const OpPtr& given, bool force) {
     if (output->getProducer() == op) output->clearProducer();
   }
   for (const TensorPtr& input : distinct(op->getInputs())) removeOpAsConsumer(op, input);
-  order.erase(op.get());
+  opOrder.erase(op.get());
   // Another op may have taken over the name.
   const OpPtr* held = opsByName.find(op->getName());
   if (held != nullptr && *held == op) opsByName.take(op->getName());
@@ -145,11 +145,11 @@ void IrGraph::replace(const OpPtr& givenOld, const OpPtr& givenReplacement) {
   const OpPtr replacement = givenReplacement;
   requireOp(oldOp, kReplace);
   requireOp(replacement, kReplace);
-  if (!order.contains(oldOp.get())) {
+  if (!opOrder.contains(oldOp.get())) {
     fail<std::runtime_error>(kReplace, "Op ", oldOp->getName(), " not found in graph");
   }
   const OpPtr namesake = getOp(replacement->getName());
-  if (replacement == oldOp || order.contains(replacement.get()) ||
+  if (replacement == oldOp || opOrder.contains(replacement.get()) ||
       (namesake != nullptr && namesake != oldOp)) {
     fail<std::runtime_error>(kReplace, "Op ", replacement->getName(), " already exists in graph");
   }
@@ -185,7 +185,7 @@ void IrGraph::replace(const OpPtr& givenOld, const OpPtr& givenReplacement) {
   removeTraceInfo(TraceKind::Op, oldOp->getName());
   addTraceSources(TraceKind::Op, replacement->getName(), sources);
 
-  order.replace(oldOp.get(), replacement);
+  opOrder.replace(oldOp.get(), replacement);
   opsByName.set(replacement->getName(), replacement);
   if (oldOp->getName() != replacement->getName()) opsByName.take(oldOp->getName());
 }
@@ -227,16 +227,16 @@ void IrGraph::inject(const OpPtr& given, const std::string& inputName, const std
   }
   const OpSet consumers = putOnTensor(op, input, outputName, consumerNames, axisFormat, inheritQuantizable);
 
-  std::uint32_t index = order.size();
+  std::uint32_t index = opOrder.size();
   if (const OpPtr producer = input->getProducer(); producer != nullptr) {
-    if (order.contains(producer.get())) {
+    if (opOrder.contains(producer.get())) {
       checkNewOp(op, validate);
-      order.insertBehind(producer.get(), op);
+      opOrder.insertBehind(producer.get(), op);
       opsByName.insert(op->getName(), op);
       return;
     }
   } else {
-    for (const OpPtr& consumer : consumers) index = std::min(index, order.indexOf(consumer.get()));
+    for (const OpPtr& consumer : consumers) index = std::min(index, opOrder.indexOf(consumer.get()));
   }
   addOp(op, static_cast<std::int32_t>(index), validate);
 }
@@ -252,7 +252,7 @@ void IrGraph::injectAtIndex(const OpPtr& given, const std::string& inputName, co
                                 "' not found in graph.");
   }
   putOnTensor(op, input, outputName, consumerNames, axisFormat, inheritQuantizable);
-  addOp(op, static_cast<std::int32_t>(std::min(index, order.size())), validate);
+  addOp(op, static_cast<std::int32_t>(std::min(index, opOrder.size())), validate);
 }
 
 }  // namespace netforge

@@ -15,7 +15,7 @@ constexpr const char* kMoveOp = "netforge::IrGraph::moveOptoIndex";
 
 void IrGraph::checkIndex(const OpPtr& op, std::int32_t idx) const {
   if (idx == -1 || idx == -2) return;
-  if (idx < 0 || static_cast<std::uint32_t>(idx) > order.size()) {
+  if (idx < 0 || static_cast<std::uint32_t>(idx) > opOrder.size()) {
     fail<std::runtime_error>(kAddOp, "Invalid insertion index ", idx, " for op ", op->getName());
   }
 }
@@ -43,7 +43,7 @@ void IrGraph::addOp(const OpPtr& given, std::int32_t idx, bool validate) {
   requireOp(op, kAddOp);
   checkIndex(op, idx);
   checkNewOp(op, validate);
-  order.insert(idx < 0 ? order.size() : static_cast<std::uint32_t>(idx), op);
+  opOrder.insert(idx < 0 ? opOrder.size() : static_cast<std::uint32_t>(idx), op);
   opsByName.insert(op->getName(), op);
 }
 
@@ -115,13 +115,13 @@ void IrGraph::addOpByName(const OpPtr& given, const Names& inputNames, const Nam
 void IrGraph::moveOptoIndex(const OpPtr& given, std::uint32_t index) {
   const OpPtr op = given;
   requireOp(op, kMoveOp);
-  if (!order.erase(op.get())) {
+  if (!opOrder.erase(op.get())) {
     fail<std::runtime_error>(kMoveOp, "Op ", op->getName(), " not found in graph");
   }
-  if (index > order.size()) {
+  if (index > opOrder.size()) {
     fail<std::runtime_error>(kMoveOp, "Invalid insertion index ", index, " for op ", op->getName());
   }
-  order.insert(index, op);
+  opOrder.insert(index, op);
 }
 
 }  // namespace netforge

@@ -96,7 +96,7 @@ void IrGraph::addTensor(const std::string& newName,
   const std::shared_ptr<IrStaticTensor> source = sourceStaticTensor;
   requireTensor(source, kAddTensor);
   requireFreeName(newName);
-  const std::uint8_t* data = source->getData();  // a load may change the size and the type: read them after
+  const std::uint8_t* data = source->getData();  // from its file, when the bytes still lie there
   const auto copy = std::make_shared<IrStaticTensor>(
       newName, source->getDims(), source->getDataSize(), data, source->getDataType(),
       source->getSrcDataType(), source->isQuantizable(), source->getQuantInfo(), source->getAxisFormat(),
@@ -130,31 +130,31 @@ bool IrGraph::hasOp(const std::string& opName) const {
 }
 
 const std::vector<IrGraph::OpPtr>& IrGraph::getOps() const {
-  return order.asVector();
+  return opOrder.asVector();
 }
 
 std::uint32_t IrGraph::numOps() const {
-  return order.size();
+  return opOrder.size();
 }
 
 IrGraph::OpPtr IrGraph::getOpAt(std::uint32_t index) const {
-  if (index >= order.size()) {
+  if (index >= opOrder.size()) {
     fail<std::out_of_range>("netforge::IrGraph::getOpAt", "Index ", index, " out of range, the graph has ",
-                            order.size(), " ops");
+                            opOrder.size(), " ops");
   }
-  return order.at(index);
+  return opOrder.at(index);
 }
 
 std::uint32_t IrGraph::getOpIndex(const OpPtr& op) const {
-  return order.indexOf(op.get());
+  return opOrder.indexOf(op.get());
 }
 
 std::uint32_t IrGraph::countOpsOfType(const std::string& type) const {
-  return order.countOfType(type);
+  return opOrder.countOfType(type);
 }
 
 std::vector<IrGraph::OpPtr> IrGraph::opsOfType(const std::string& type) const {
-  return order.ofType(type);
+  return opOrder.ofType(type);
 }
 
 std::vector<IrGraph::TensorPtr> IrGraph::getGraphInputs() const {
@@ -216,8 +216,8 @@ void IrGraph::swapTensorNames(const std::string& givenA, const std::string& give
 std::shared_ptr<ConversionNamePolicy> IrGraph::getNamePolicy() {
   if (namePolicy == nullptr) {
     Names used;
-    used.reserve(order.size());
-    for (const OpPtr& op : order.asVector()) used.push_back(op->getName());
+    used.reserve(opOrder.size());
+    for (const OpPtr& op : opOrder.asVector()) used.push_back(op->getName());
     namePolicy = std::make_shared<ConversionNamePolicy>(used);
   }
   return namePolicy;

@@ -173,7 +173,7 @@ void IrGraph::validateTraceInfoCompleteness(const std::string& stage) {
   TraceNames ofOps;
   TraceNames ofTensors;
   ops::IrOp::TensorList held;  // keeps the tensors alive whose names the sets refer to
-  for (const OpPtr& op : order.asVector()) {
+  for (const OpPtr& op : opOrder.asVector()) {
     ofOps.graph.add(op->getName());
     for (const TensorPtr& tensor : op->getInputs()) held.push_back(tensor);
     for (const TensorPtr& tensor : op->getOutputs()) held.push_back(tensor);

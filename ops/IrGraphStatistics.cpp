@@ -17,7 +17,7 @@ std::pair<std::uint64_t, std::uint64_t> IrGraph::reEvalMacsParams() {
   TranslationRegistry& registry = TranslationRegistry::instance();
   std::uint64_t totalMacs = 0;
   std::uint64_t totalParams = 0;
-  for (const OpPtr& op : order.asVector()) {
+  for (const OpPtr& op : opOrder.asVector()) {
     try {
       // The graph may hold plain ops of a type that has a class. The shadow shares attributes and tensors.
       const OpPtr counted = registry.hasMethod(op->getType())

@@ -5,19 +5,49 @@ namespace netforge::graphrefiner {
 Pattern::~Pattern() = default;
 
 MatchedOps Pattern::getMatchedOps() const {
-  return matchedOps;
+  return restore(bindings);
 }
 
 ConsumerPatterns Pattern::getConsumerPatterns() const {
-  return consumerPatterns;
+  return restore(links);
 }
 
-const MatchedOps& Pattern::getPathMatchedOps() const {
-  return pathMatchedOps;
+MatchedOps Pattern::getPathMatchedOps() const {
+  return restore(pathBindings);
 }
 
-const ConsumerPatterns& Pattern::getPathConsumerPatterns() const {
-  return pathConsumerPatterns;
+ConsumerPatterns Pattern::getPathConsumerPatterns() const {
+  return restore(pathLinks);
+}
+
+Pattern::Bindings Pattern::store(const MatchedOps& ops) {
+  return {ops.begin(), ops.end()};
+}
+
+Pattern::Links Pattern::store(const ConsumerPatterns& consumers) {
+  Links stored;
+  for (const auto& [node, readers] : consumers) {
+    for (const PatternPtr& reader : readers) stored.emplace_back(node, reader);
+  }
+  return stored;
+}
+
+MatchedOps Pattern::restore(const Bindings& stored) {
+  MatchedOps ops;
+  for (const auto& [node, op] : stored) {
+    if (const PatternPtr alive = node.lock()) ops.emplace(alive, op);
+  }
+  return ops;
+}
+
+ConsumerPatterns Pattern::restore(const Links& stored) {
+  ConsumerPatterns consumers;
+  for (const auto& [node, reader] : stored) {
+    const PatternPtr aliveNode = node.lock();
+    const PatternPtr aliveReader = reader.lock();
+    if (aliveNode && aliveReader) consumers[aliveNode].insert(aliveReader);
+  }
+  return consumers;
 }
 
 OpTypePattern::OpTypePattern(const std::string& type) : opType(type) {}

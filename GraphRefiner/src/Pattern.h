@@ -7,6 +7,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace netforge {
@@ -76,14 +77,22 @@ class Pattern : public std::enable_shared_from_this<Pattern> {
   /// The same without what failed alternatives left: exactly the nodes on the way that matched. The rule
   /// engine tests isolation and cleans up by these, since a binding of a failed alternative may be any op of
   /// the graph.
-  const MatchedOps& getPathMatchedOps() const;
-  const ConsumerPatterns& getPathConsumerPatterns() const;
+  MatchedOps getPathMatchedOps() const;
+  ConsumerPatterns getPathConsumerPatterns() const;
 
  private:
-  MatchedOps matchedOps;
-  ConsumerPatterns consumerPatterns;
-  MatchedOps pathMatchedOps;
-  ConsumerPatterns pathConsumerPatterns;
+  // Weak, since a root is among its own bindings and would keep itself alive.
+  using Bindings = std::vector<std::pair<std::weak_ptr<Pattern>, std::shared_ptr<ops::IrOp>>>;
+  using Links = std::vector<std::pair<std::weak_ptr<Pattern>, std::weak_ptr<Pattern>>>;
+  static Bindings store(const MatchedOps& ops);
+  static Links store(const ConsumerPatterns& consumers);
+  static MatchedOps restore(const Bindings& bindings);
+  static ConsumerPatterns restore(const Links& links);
+
+  Bindings bindings;
+  Links links;
+  Bindings pathBindings;
+  Links pathLinks;
 };
 
 /// An op of exactly this type.

@@ -22,18 +22,19 @@ struct MatchState {
 
   void bind(const PatternPtr& pattern, const OpPtr& op) {
     matchedOps.emplace(pattern, op);
-    if (pathMatchedOps.emplace(pattern, op).second) bindings.push_back(pattern);
+    if (pathMatchedOps.emplace(pattern, op).second) boundOnPath.push_back(pattern);
   }
   void link(const PatternPtr& pattern, const PatternPtr& parent) {
     consumerPatterns[pattern].insert(parent);
-    if (pathConsumerPatterns[pattern].insert(parent).second) links.emplace_back(pattern, parent);
+    if (pathConsumerPatterns[pattern].insert(parent).second) linkedOnPath.emplace_back(pattern, parent);
   }
-  Mark mark() const { return {bindings.size(), links.size()}; }
-  void windBack(const Mark& mark) {
-    for (; bindings.size() > mark.bindings; bindings.pop_back()) pathMatchedOps.erase(bindings.back());
-    for (; links.size() > mark.links; links.pop_back()) {
-      const auto entry = pathConsumerPatterns.find(links.back().first);
-      entry->second.erase(links.back().second);
+  Mark mark() const { return {boundOnPath.size(), linkedOnPath.size()}; }
+  void windBack(const Mark& before) {
+    for (; boundOnPath.size() > before.bindings; boundOnPath.pop_back())
+      pathMatchedOps.erase(boundOnPath.back());
+    for (; linkedOnPath.size() > before.links; linkedOnPath.pop_back()) {
+      const auto entry = pathConsumerPatterns.find(linkedOnPath.back().first);
+      entry->second.erase(linkedOnPath.back().second);
       if (entry->second.empty()) pathConsumerPatterns.erase(entry);
     }
   }
@@ -42,8 +43,8 @@ struct MatchState {
   ConsumerPatterns consumerPatterns;
   MatchedOps pathMatchedOps;
   ConsumerPatterns pathConsumerPatterns;
-  std::vector<PatternPtr> bindings;
-  std::vector<std::pair<PatternPtr, PatternPtr>> links;
+  std::vector<PatternPtr> boundOnPath;
+  std::vector<std::pair<PatternPtr, PatternPtr>> linkedOnPath;
 };
 
 template <class T>
@@ -175,10 +176,10 @@ bool Pattern::match(const OpPtr& op) {
   const PatternPtr self = shared_from_this();
   MatchState state;
   if (!matchNode(state, self, op, nullptr)) return false;
-  matchedOps = std::move(state.matchedOps);
-  consumerPatterns = std::move(state.consumerPatterns);
-  pathMatchedOps = std::move(state.pathMatchedOps);
-  pathConsumerPatterns = std::move(state.pathConsumerPatterns);
+  bindings = store(state.matchedOps);
+  links = store(state.consumerPatterns);
+  pathBindings = store(state.pathMatchedOps);
+  pathLinks = store(state.pathConsumerPatterns);
   return true;
 }
 

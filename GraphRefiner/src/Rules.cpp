@@ -121,11 +121,8 @@ bool MatchAndRewriteRule::apply(GraphPtr& graph, std::uint32_t keepMatchedOps) {
         std::any_of(lastMatch.begin(), lastMatch.end(),
                     [&](const MatchedOps::value_type& entry) { return entry.second == op; });
     if (justRewritten || !graphHoldsOp(graph, op) || !pattern->match(op)) continue;
-    if (requireIsolatedMatch &&
-        !isIsolated(graph, pattern->getPathMatchedOps(), pattern->getPathConsumerPatterns())) {
-      continue;
-    }
     MatchedOps bindings = pattern->getPathMatchedOps();
+    if (requireIsolatedMatch && !isIsolated(graph, bindings, pattern->getPathConsumerPatterns())) continue;
     MatchedOps handedOver = bindings;
     if (!rewriteCallback(graph, handedOver)) continue;
     changed = true;

@@ -28,7 +28,7 @@ TEST_F(GraphRefinerTest, ConstructionChecksGraphAndPassNames) {
   for (const char* key : {"enabledPasses", "disabledPasses"}) {
     context.optimizer_config = {{key, {"MatchTopK", "NoSuchPass"}}};
     EXPECT_EQ(
-        messageOf([&] { GraphRefiner(graph, Stages{}, nullptr, context); }),
+        failureOf<std::runtime_error>([&] { GraphRefiner(graph, Stages{}, nullptr, context); }),
         "netforge::graphrefiner::getPassIdFromPassName:  Invalid pass, No pass registered with the name: "
         "NoSuchPass");
   }

@@ -91,7 +91,7 @@ TEST_F(PassManagerTest, AnExceptionOfAPassGoesThrough) {
       kStage);
   const auto next = add(PassId::FoldConcats, true);
   PassManager manager{GraphRefinerContext{}};
-  EXPECT_EQ(messageOf([&] {
+  EXPECT_EQ(failureOf<std::runtime_error>([&] {
               manager.applyOptimizationPasses(graph, {PassId::MatchTopK, PassId::FoldConcats}, kStage);
             }),
             "broken");

@@ -92,11 +92,11 @@ TEST(PassTable, NamesNumbersAndRunModes) {
 }
 
 TEST(PassTable, UnknownIdsAndNames) {
-  EXPECT_EQ(messageOf([] { getPassNameFromPassId(id(61)); }),
+  EXPECT_EQ(failureOf<std::runtime_error>([] { getPassNameFromPassId(id(61)); }),
             "netforge::graphrefiner::getPassNameFromPassId:  Invalid pass Id ");
   for (const std::string name : {"matchtopk", "", "MatchTopK "}) {
     EXPECT_EQ(
-        messageOf([&] { getPassIdFromPassName(name); }),
+        failureOf<std::runtime_error>([&] { getPassIdFromPassName(name); }),
         "netforge::graphrefiner::getPassIdFromPassName:  Invalid pass, No pass registered with the name: " +
             name);
   }
@@ -128,7 +128,7 @@ TEST(PassTable, RegisterPassSetsTheFieldsAndRefusesDuplicates) {
   EXPECT_EQ(pass->enableMode, 1u);
   EXPECT_EQ(pass->keepMatchedOps, 5u);
   EXPECT_EQ(pass->stage, OptimizationStage::PreQuant);
-  EXPECT_EQ(messageOf([] {
+  EXPECT_EQ(failureOf<std::runtime_error>([] {
               PassManager::registerPass(PassId::FoldConcats, OptimizationStage::PreQuant, {7},
                                         PassRunMode::Once, 0, 0);
             }),

@@ -94,7 +94,7 @@ TEST_F(PatternTest, BindsEveryNodeOnTheWayButWildcardsAndTensors) {
                                {typeOf(inner), add}}));
   EXPECT_EQ(root->getConsumerPatterns(),
             (ConsumerPatterns{{either, {root}}, {wrapped, {either}}, {inner, {wrapped}}, {any, {inner}}}));
-  EXPECT_EQ(messageOf([&] { root->getMatchedOps().at(any); }), "invalid map<K, T> key");
+  EXPECT_EQ(failureOf<std::out_of_range>([&] { root->getMatchedOps().at(any); }), "invalid map<K, T> key");
 
   EXPECT_FALSE(root->match(relu));
   EXPECT_EQ(root->getMatchedOps(), bound) << "a failure keeps the bindings of the last success";
@@ -106,6 +106,15 @@ TEST_F(PatternTest, TheSecondAlternativeIsTriedFirst) {
   const auto either = makeAlt(first, second);
   ASSERT_TRUE(either->match(add));
   EXPECT_EQ(either->getMatchedOps(), (MatchedOps{{either, add}, {second, add}}));
+}
+
+TEST_F(PatternTest, ATreeDiesWithItsLastUser) {
+  // The root is among its own bindings, so bindings that owned their nodes would keep every tree alive.
+  auto root = makeOp("Add", makeOpType("Relu"));
+  ASSERT_TRUE(root->match(add));
+  const std::weak_ptr<Pattern> watched = root;
+  root.reset();
+  EXPECT_TRUE(watched.expired());
 }
 
 TEST_F(PatternTest, ANodeKeepsItsFirstOp) {

@@ -14,9 +14,11 @@
 #include "GraphRefiner/src/PassRegistry.h"
 #include "ir/IrGraph.h"
 #include "tests/support/CapturedOutput.h"
+#include "tests/support/Failures.h"
 
 namespace netforge::graphrefiner::testing {
 
+using netforge::testing::failureOf;
 using OpPtr = std::shared_ptr<ops::IrOp>;
 using GraphPtr = std::shared_ptr<IrGraph>;
 
@@ -129,6 +131,27 @@ inline GraphPtr makeChain(const std::vector<std::string>& types, const std::stri
   return graph;
 }
 
+// Makes a tensor a graph output, in the graph's list too; of another kind than 1 on demand.
+inline void makeGraphOutput(const GraphPtr& graph, const std::string& name,
+                            TensorType type = TensorType::GraphOutput) {
+  const auto tensor = graph->getTensor(name);
+  graph->removeTensor(name);
+  tensor->setTensorType(TensorType::GraphOutput);
+  graph->addTensor(tensor);
+  tensor->setTensorType(type);
+}
+
+inline std::vector<std::string> opNames(const GraphPtr& graph) {
+  std::vector<std::string> names;
+  for (const auto& op : graph->getOps()) names.push_back(op->getName());
+  return names;
+}
+
+inline void expectSound(const GraphPtr& graph) {
+  EXPECT_EQ(graph->checkInvariants(), std::vector<std::string>{});
+}
+
+// The text of the exception, or "nothing thrown", for tables that hold both.
 template <class F>
 std::string messageOf(F&& action) {
   try {

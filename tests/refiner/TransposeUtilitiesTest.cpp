@@ -10,16 +10,6 @@ namespace {
 using Names = std::vector<std::string>;
 using Dims = std::vector<std::uint32_t>;
 
-void expectSound(const GraphPtr& graph) {
-  EXPECT_EQ(graph->checkInvariants(), Names{});
-}
-
-Names opNames(const GraphPtr& graph) {
-  Names names;
-  for (const auto& op : graph->getOps()) names.push_back(op->getName());
-  return names;
-}
-
 OpPtr addTranspose(const GraphPtr& graph, const std::string& name, const std::string& input,
                    const Permutation& perm, std::int32_t idx = -1) {
   const auto op = createOp("Transpose", name, {{"perm", OpParam(perm)}});
@@ -37,14 +27,6 @@ class TransposeTest : public ::testing::Test {
     b = addPlainOp(graph, "b", "Cast", {"r"}, {2, 3, 5});
   }
   void TearDown() override { expectSound(graph); }
-  void makeOutput(const std::string& name, TensorType type = TensorType::GraphOutput) {
-    const auto tensor = graph->getTensor(name);
-    graph->removeTensor(name);
-    tensor->setTensorType(TensorType::GraphOutput);
-    graph->addTensor(tensor);
-    tensor->setTensorType(type);
-  }
-
   GraphPtr graph = std::make_shared<IrGraph>("g");
   OpPtr a, b;
   CapturedOutput output;
@@ -141,8 +123,8 @@ TEST_F(TransposeTest, AGraphOutputKeepsItsNameInFrontOfTheApplication) {
     const auto op = addPlainOp(graph, "y", "Relu", {"x"}, {2, 3, 5});
     const auto reader = addPlainOp(graph, "reader", "Cast", {"y"}, {2, 3, 5});
     addPlainOp(graph, "z", "Relu", {"x"}, {2, 3, 5});
-    if (c.type != TensorType::Native) makeOutput("y", c.type);
-    makeOutput("z");
+    if (c.type != TensorType::Native) makeGraphOutput(graph, "y", c.type);
+    makeGraphOutput(graph, "z");
     graph->getTensor("y")->setExplicitPermuteOrder(c.permuteOrder);
     injectTranspose(graph, "y", c.perm, {"reader"}, "base", c.keep);
     const auto inner = op->getOutput(0);
@@ -168,8 +150,8 @@ TEST_F(TransposeTest, AGraphOutputHandsItsEncodingOn) {
   scale.scaleOffset.scale = 0.5f;
   QuantInfo range;
   range.scaleOffset.minimum = -3.0f;
-  makeOutput("a");
-  makeOutput("b");
+  makeGraphOutput(graph, "a");
+  makeGraphOutput(graph, "b");
   graph->getTensor("a")->setQInfo(ORLO_DATATYPE_UFIXED_POINT_8, scale);
   graph->getTensor("b")->setFloatQInfo(ORLO_DATATYPE_FLOAT_32, range);
   injectTranspose(graph, "a", {1, 2, 0}, {}, "", true);
@@ -273,10 +255,7 @@ TEST_F(SquashConstantTest, RefusesWhatTheApplicationReads) {
 }
 
 TEST_F(SquashConstantTest, AGraphOutputBecomesTheConstant) {
-  const auto tensor = graph->getTensor("out");
-  graph->removeTensor("out");
-  tensor->setTensorType(TensorType::GraphOutput);
-  graph->addTensor(tensor);
+  makeGraphOutput(graph, "out");
   squashConstantTranspose(transpose, graph, false);
   ASSERT_EQ(graph->getGraphOutputs().size(), 1u);
   EXPECT_EQ(graph->getGraphOutputs()[0], graph->getTensor("out"));
