@@ -81,6 +81,10 @@ bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value) 
   return allElementsEqual(tensor, value);
 }
 
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value) {
+  return allElementsEqual(tensor, value);
+}
+
 bool anyElementNegative(const StaticTensorPtr& tensor) {
   requireTensor(tensor, "anyElementNegative");
   const std::uint64_t count = tensor->elements();

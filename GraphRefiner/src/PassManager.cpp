@@ -47,6 +47,18 @@ bool runPass(Pass& pass, std::shared_ptr<IrGraph>& graph) {
   return false;
 }
 
+#ifndef NDEBUG
+// An edit that breaks the graph shows where it is made, and not passes later. `moment` names it in the text.
+void requireSoundGraph(const IrGraph& graph, const std::string& moment) {
+  const std::vector<std::string> violations = graph.checkInvariants();
+  if (violations.empty()) return;
+  std::string list;
+  for (const std::string& violation : violations) list += "\n  " + violation;
+  fail<std::logic_error>("netforge::graphrefiner::PassManager::applyOptimizationPasses",
+                         "The graph is broken ", moment, list);
+}
+#endif
+
 }  // namespace
 
 PassManager::PassManager(const GraphRefinerContext& givenContext) : context(givenContext) {}
@@ -87,6 +99,9 @@ void PassManager::applyOptimizationPasses(std::shared_ptr<IrGraph>& graph, const
                                           OptimizationStage stage) {
   const PassRegistry::PassTable passes = getPassRegistry().table(stage);
   std::unordered_map<std::string, std::int32_t> passRunCounts;
+#ifndef NDEBUG
+  if (context.debug_log && graph) requireSoundGraph(*graph, "before the first pass");
+#endif
   for (const PassId id : passIds) {
     const auto entry = passes.find(id);
     if (entry == passes.end() || !entry->second || !isSelected(id, *entry->second)) continue;
@@ -105,7 +120,11 @@ void PassManager::applyOptimizationPasses(std::shared_ptr<IrGraph>& graph, const
     const std::string beforeFile = "Before" + passName + counter + ".json";
     if ((atPassChange || atOpChange) && dumpsPass(passName)) dumpModelJson(graph, beforeFile);
 
-    if (!runPass(pass, graph)) {
+    const bool changed = runPass(pass, graph);
+#ifndef NDEBUG
+    if (context.debug_log && graph) requireSoundGraph(*graph, "after pass " + passName);
+#endif
+    if (!changed) {
       removeFile(beforeFile);
       continue;
     }

@@ -36,7 +36,9 @@ class PassManager {
   void runOptimizationStage(std::shared_ptr<IrGraph>& graph, const std::shared_ptr<BackendInfo>& backendInfo,
                             OptimizationStage stage);
 
-  /// Runs passes in list order. An id that the stage's table lacks is skipped silently.
+  /// Runs passes in list order. An id that the stage's table lacks is skipped silently. With `debug_log`, a
+  /// debug build checks the graph's invariants in front of the first pass and behind each, and throws
+  /// std::logic_error that names the pass and what is broken.
   void applyOptimizationPasses(std::shared_ptr<IrGraph>& graph, const std::vector<PassId>& passIds,
                                OptimizationStage stage);
 

@@ -36,6 +36,8 @@ float getConstValue(const StaticTensorPtr& tensor);
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value);
 /// The same for elements read as bytes, for BOOL_8 data.
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value);
+/// The same for elements read as signed 32-bit integers.
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value);
 /// Whether some element, read as signed 32-bit, is below zero; false without elements, and when there are
 /// fewer bytes than that. Throws for a null tensor.
 bool anyElementNegative(const StaticTensorPtr& tensor);

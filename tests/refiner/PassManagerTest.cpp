@@ -98,6 +98,36 @@ TEST_F(PassManagerTest, AnExceptionOfAPassGoesThrough) {
   EXPECT_EQ(next->calls, 0);
 }
 
+#ifndef NDEBUG
+// A broken link that is found passes later, or never, costs hours.
+TEST_F(PassManagerTest, ADebugBuildNamesThePassThatBreaksTheGraph) {
+  const auto breakLinks = [](GraphPtr& broken) {
+    broken->getTensor("x")->clearConsumers();
+    return false;  // a pass that breaks the graph need not admit a change
+  };
+  const std::string prefix =
+      "netforge::graphrefiner::PassManager::applyOptimizationPasses: The graph is broken ";
+  const std::string violation = "\n  links: op op0 is not a consumer of its input x";
+  registry.add(PassId::MatchTopK, breakLinks, PassRunMode::Once, kStage);
+  const auto next = add(PassId::FoldConcats, false);
+  GraphRefinerContext context;
+  context.debug_log = true;
+  for (const bool brokenBefore : {false, true}) {
+    GraphPtr chain = makeChain({"Relu"});
+    if (brokenBefore) breakLinks(chain);
+    CapturedOutput output;
+    EXPECT_EQ(messageOf([&] {
+                PassManager(context).applyOptimizationPasses(chain, {PassId::MatchTopK, PassId::FoldConcats},
+                                                             kStage);
+              }),
+              prefix + (brokenBefore ? "before the first pass" : "after pass MatchTopK") + violation);
+  }
+  GraphPtr chain = makeChain({"Relu"});
+  PassManager{GraphRefinerContext{}}.applyOptimizationPasses(chain, {PassId::MatchTopK}, kStage);
+  EXPECT_EQ(next->calls, 0);
+}
+#endif
+
 // One stage with a stand-in for every pass; each run notes its name.
 class StageTest : public ::testing::Test {
  protected:
