@@ -84,7 +84,8 @@ class NameIndex {
     table_.erase(hash, slot);
     names_.release(entry.key);
     entry.key = {};
-    free_.push_back(slot);
+    entry.nextFree = firstFree_;
+    firstFree_ = slot;
     if (names_.isMostlyUnused()) storeNamesAnew();
     return value;
   }
@@ -111,6 +112,7 @@ class NameIndex {
     Value value;
     mutable typename Map::iterator place{};  // of the entry's node while inMap
     mutable bool inMap = false;
+    std::uint32_t nextFree = NameTable::npos;  // of an entry without a value
   };
 
   // On a walk in the order of adding, brings the value of a later lookup on its way: values lie all over the
@@ -130,12 +132,12 @@ class NameIndex {
 
   void add(const std::string& name, std::uint32_t hash, const Value& value) {
     std::uint32_t slot = 0;
-    if (free_.empty()) {
+    if (firstFree_ == NameTable::npos) {
       slot = static_cast<std::uint32_t>(entries_.size());
       entries_.emplace_back();
     } else {
-      slot = free_.back();
-      free_.pop_back();
+      slot = firstFree_;
+      firstFree_ = entries_[slot].nextFree;
     }
     Entry& entry = entries_[slot];
     entry.key = names_.store(name);
@@ -180,7 +182,7 @@ class NameIndex {
 
   NameArena names_;
   std::vector<Entry> entries_;
-  std::vector<std::uint32_t> free_;
+  std::uint32_t firstFree_ = NameTable::npos;  // of the list through nextFree
   NameTable table_;
   mutable std::uint32_t guess_ = 0;  // where the next lookup looks first
   mutable Map map_;

@@ -104,7 +104,10 @@ MatchAndRewriteRule::~MatchAndRewriteRule() = default;
 bool MatchAndRewriteRule::apply(GraphPtr& graph, std::uint32_t keepMatchedOps) {
   bool changed = false;
   MatchedOps lastMatch;
-  for (const OpPtr& op : collectRoots(*graph, pattern)) {
+  std::vector<OpPtr> roots = collectRoots(*graph, pattern);
+  for (OpPtr& root : roots) {
+    // An op that the rewrite removes is let go while its memory is still at hand.
+    const OpPtr op = std::move(root);
     const bool justRewritten =
         std::any_of(lastMatch.begin(), lastMatch.end(),
                     [&](const MatchedOps::value_type& entry) { return entry.second == op; });

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 #include "GraphRefiner/src/Pass.h"
 #include "GraphRefiner/src/Pattern.h"
@@ -84,7 +85,9 @@ class OpTransformPass : public Pass {
   using Handler = bool (Derived::*)(std::shared_ptr<ops::IrOp>& op, std::shared_ptr<IrGraph>& graph);
   bool run(std::shared_ptr<IrGraph>& graph) override {
     bool changed = false;
-    for (std::shared_ptr<ops::IrOp> op : snapshotOps(graph)) {
+    std::vector<std::shared_ptr<ops::IrOp>> ops = snapshotOps(graph);
+    for (std::shared_ptr<ops::IrOp>& entry : ops) {
+      std::shared_ptr<ops::IrOp> op = std::move(entry);  // let go at once when a handler removes it
       if (!graphHoldsOp(graph, op)) continue;
       const auto it = handlers.find(opTypeOf(op));
       const bool result = it != handlers.end() ? (static_cast<Derived*>(this)->*(it->second))(op, graph)

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
-#include <numeric>
 #include <string>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
@@ -23,8 +22,6 @@ namespace {
 constexpr std::uint32_t kAnd = 1;
 constexpr std::uint32_t kDivide = 2;
 constexpr std::uint32_t kMultiply = 13;
-// Inputs of an Lstm that hold the initial hidden and cell state.
-constexpr std::uint32_t kLstmStates[] = {10, 11};
 
 void report(const char* handler, const std::string& text) {
   std::cout << "netforge::graphrefiner::removeIdentity::" << handler << ": " << text << '\n' << std::endl;
@@ -71,16 +68,6 @@ bool listsAllPositions(const StaticTensorPtr& indices, std::uint32_t count) {
     if (loadElement<std::uint32_t>(data, i) != i) return false;
   }
   return true;
-}
-
-bool feedsLstmState(const OpPtr& op, const TensorPtr& output) {
-  const auto& readers = output->getConsumers();
-  return std::any_of(readers.begin(), readers.end(), [&](const OpPtr& reader) {
-    if (reader->getType() != "Lstm") return false;
-    return std::any_of(std::begin(kLstmStates), std::end(kLstmStates), [&](std::uint32_t place) {
-      return reader->numInputs() > place && reader->getInput(place)->getProducer() == op;
-    });
-  });
 }
 
 // A FullyConnected that reads the tensor as its data, and there alone, and makes rows of features out of
@@ -228,10 +215,7 @@ bool removeIdentity::handleGatherOp(const OpPtr& op, const GraphPtr& graph) {
 
 bool removeIdentity::handleTransposeOp(const OpPtr& op, const GraphPtr& graph) {
   if (!hasInputs(op, 1)) return false;
-  const Permutation perm = getPermutation(op->getAttributes()->getStaticTensor("perm"));
-  Permutation identity(perm.size());
-  std::iota(identity.begin(), identity.end(), 0u);
-  if (perm != identity) return false;
+  if (!isIdentityPermutation(getTransposePerm(op))) return false;
   return trySquash(graph, op, op->getInput(0), false, true, "handleTransposeOp",
                    "Unable to squash identity Transpose: " + op->getName() + ".");
 }
@@ -242,7 +226,7 @@ bool removeIdentity::handleReshapeOp(const OpPtr& op, const GraphPtr& graph) {
   const TensorPtr output = op->getOutput(0);
   const bool isIdentity = input->getShape() == output->getShape() && input->getConsumers().size() == 1 &&
                           !graph->producesStaticGraphOutput(op);
-  if (isIdentity && feedsLstmState(op, output)) return false;
+  if (isIdentity && feedsLstmInitialState(op)) return false;
   if (!isIdentity && !onlyRegroupsFeatures(input, output)) return false;
   const std::string done =
       concatText("Squash Reshape Op: ", op->getName(), " due to IdentityOp. Input shape: ", input->getShape(),
