@@ -25,7 +25,9 @@ _BY_NAME = {
     "UINT_8": UINT8, "UINT_16": UINT16, "UINT_32": UINT32, "UINT_64": UINT64, "BOOL_8": BOOL,
     "SFIXED_POINT_8": INT8, "SFIXED_POINT_16": INT16, "SFIXED_POINT_32": INT32,
     "UFIXED_POINT_8": UINT8, "UFIXED_POINT_16": UINT16, "UFIXED_POINT_32": UINT32,
+    "INT_4": TensorProto.INT4, "UINT_4": TensorProto.UINT4,
 }  # fmt: skip
+_BY_NAME.update((f"{name[:-1]}_2", getattr(TensorProto, name)) for name in ("INT2", "UINT2") if hasattr(TensorProto, name))
 _ELEMENT_TYPES = {int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()}
 
 
@@ -90,4 +92,4 @@ def computing_type(op_type: str, kind: int) -> int:
     kernels = _KERNELS.get(op_type)
     if kernels is None or kind in kernels:
         return kind
-    return next((larger for larger in _LARGER[kind] if larger in kernels), kind)
+    return next((larger for larger in _LARGER.get(kind, ()) if larger in kernels), kind)

@@ -10,7 +10,17 @@ from netforge.onnx_export.writers_elementwise import same_kind
 
 @writer("Transpose")
 def transpose(op: OpWriter) -> None:
-    op.result(op.transpose(op.x, op.integers("perm")))
+    """A Transpose between the layouts is left out where both forms are there already."""
+    order, rank = tuple(op.integers("perm")), op.rank(op.x)
+    forms, output = op.graph.channel_first_forms, op.op.outputs[0].name
+    same_type = op.kind(op.x) == op.out_kind()
+    if op.graph.channel_last and rank > 2 and same_type:
+        if order == (0, rank - 1, *range(1, rank - 1)) and op.x in forms and output not in op.graph.shown:
+            op.graph.aliases[output] = forms[op.x]
+            return
+        if order == (0, *range(2, rank), 1):
+            forms.setdefault(output, op.x)
+    op.result(op.transpose(op.x, order))
 
 
 @writer("Reshape")
