@@ -123,8 +123,12 @@ def _floor_divide(op: OpWriter, left: str, right: str) -> str:
 def _modulo(op: OpWriter, left: str, right: str) -> str:
     if op.kind(left) not in FLOATS:
         return op.node("Mod", [left, right])
-    whole = op.node("Floor", [op.node("Div", [left, right])])
-    return op.node("Sub", [left, op.node("Mul", [whole, right])])
+    # The remainder has the dividend's sign; where that isn't the divisor's, one divisor more brings it over.
+    rest = op.node("Mod", [left, right], {"fmod": 1})
+    zero = op.like(right, 0.0, "zero")
+    signs = [op.node("Less", [value, zero], kind=BOOL) for value in (rest, right)]
+    moved = op.node("And", [op.node("Xor", signs), op.as_bool(rest)])
+    return select(op, moved, op.node("Add", [rest, right]), rest)
 
 
 @writer("Eltwise_Ternary")
