@@ -83,6 +83,9 @@ class Checker:
         self.feeds, self.singles, self.doubles = {}, {}, {}
         for regime in regimes:
             self._run_original(regime, seed, sizes)
+        if not self.feeds:
+            self._stack.close()
+            raise ValueError("; ".join(self.notes) or "no regime is asked for")
         if self._double.note:
             self.notes.append(self._double.note)
         self.precision = next(

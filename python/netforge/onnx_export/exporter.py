@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+from collections.abc import Iterable
 from pathlib import Path
 
 import onnx
@@ -31,8 +32,9 @@ from netforge.onnx_export.storage import LARGEST_INSIDE, inside, outside, total_
 _IR_VERSIONS = ((21, 10), (23, 11), (24, 12))
 
 
-def _write_graph(graph: netforge.IrGraph, opset: int) -> GraphWriter:
+def _write_graph(graph: netforge.IrGraph, opset: int, shown: Iterable[str] = ()) -> GraphWriter:
     writer = GraphWriter(graph, opset)
+    writer.shown.update(shown)
     for op in graph.ops:
         op_writer = OpWriter(writer, op)
         function = None if is_plain(op) else writers.get(op.type)
@@ -118,6 +120,19 @@ def to_onnx(
     if total > LARGEST_INSIDE:
         raise OnnxExportError(f"{total} bytes of constants are more than one model can hold: name a file for external data")
     return _model(graph, writer, [inside(found) for found in constants])
+
+
+def to_onnx_with(graph: netforge.IrGraph, shown: Iterable[str]) -> onnx.ModelProto:
+    """The model with computed tensors of these names as further outputs, for looking into it."""
+    names = list(dict.fromkeys(shown))
+    writer = _write_graph(graph, choose_opset(graph.ops), names)
+    model = _model(graph, writer, [inside(found) for found in writer.initializers.values()])
+    there = {info.name for info in model.graph.output}
+    model.graph.output.extend(_value_info(graph.getTensor(name), False) for name in names if name not in there)
+    kept = [info for info in model.graph.value_info if info.name not in set(names)]
+    del model.graph.value_info[:]
+    model.graph.value_info.extend(kept)
+    return model
 
 
 def save_onnx(
