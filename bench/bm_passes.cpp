@@ -55,7 +55,8 @@ Step reshape(const Dims& shape) {
   return {"Reshape", {{"shape", OpParam(shape)}}};
 }
 Step reduce(const Dims& axes) {
-  return {"Reduce", {{"axes", OpParam(axes)}, {"keep_dims", OpParam(true)}, {"reduce_type", OpParam(0u)}}};
+  return {"Reduce",
+          {{"axes", OpParam(axes)}, {"keep_dims", OpParam(true)}, {"reduce_type", OpParam("ReduceMax")}}};
 }
 Step relu() {
   return {"ElementWiseNeuron", {{"operation", OpParam(4u)}}};

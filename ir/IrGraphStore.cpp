@@ -157,6 +157,10 @@ std::vector<IrGraph::OpPtr> IrGraph::opsOfType(const std::string& type) const {
   return opOrder.ofType(type);
 }
 
+std::vector<IrGraph::OpPtr> IrGraph::opsOfTypes(const std::set<std::string>& types) const {
+  return opOrder.ofTypes(types);
+}
+
 std::vector<IrGraph::TensorPtr> IrGraph::getGraphInputs() const {
   return graphInputs;
 }
