@@ -126,6 +126,7 @@ class IrGraph {
   std::uint32_t countOpsOfType(const std::string& type) const;
   /// The ops of a type in execution order. Costs nothing when there are none.
   std::vector<OpPtr> opsOfType(const std::string& type) const;
+  std::vector<OpPtr> opsOfTypes(const std::set<std::string>& types) const;
   std::vector<TensorPtr> getGraphInputs() const;
   std::vector<TensorPtr> getGraphOutputs() const;
   /// All tensors in byte-wise order of their names. The reference is valid until the next edit; a tensor

@@ -96,7 +96,7 @@ void IrGraph::addTensor(const std::string& newName,
   const std::shared_ptr<IrStaticTensor> source = sourceStaticTensor;
   requireTensor(source, kAddTensor);
   requireFreeName(newName);
-  const std::uint8_t* data = source->getData();  // a load may change the size and the type: read them after
+  const std::uint8_t* data = source->getData();  // from its file, when the bytes still lie there
   const auto copy = std::make_shared<IrStaticTensor>(
       newName, source->getDims(), source->getDataSize(), data, source->getDataType(),
       source->getSrcDataType(), source->isQuantizable(), source->getQuantInfo(), source->getAxisFormat(),
@@ -155,6 +155,10 @@ std::uint32_t IrGraph::countOpsOfType(const std::string& type) const {
 
 std::vector<IrGraph::OpPtr> IrGraph::opsOfType(const std::string& type) const {
   return opOrder.ofType(type);
+}
+
+std::vector<IrGraph::OpPtr> IrGraph::opsOfTypes(const std::set<std::string>& types) const {
+  return opOrder.ofTypes(types);
 }
 
 std::vector<IrGraph::TensorPtr> IrGraph::getGraphInputs() const {

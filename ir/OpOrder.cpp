@@ -341,19 +341,26 @@ std::uint32_t OpOrder::countOfType(const std::string& type) const {
   return found == typeIds_.end() ? 0 : typeCounts_[found->second];
 }
 
-std::vector<OpOrder::OpPtr> OpOrder::ofType(const std::string& type) const {
+std::vector<OpOrder::OpPtr> OpOrder::ofTypes(const std::set<std::string>& types) const {
+  std::vector<std::uint8_t> isWanted(typeCounts_.size());
+  std::uint64_t mask = 0;
+  std::uint32_t wanted = 0;
+  for (const std::string& type : types) {
+    const auto found = typeIds_.find(type);
+    if (found == typeIds_.end() || typeCounts_[found->second] == 0) continue;
+    isWanted[found->second] = 1;
+    mask |= typeBit(found->second);
+    wanted += typeCounts_[found->second];
+  }
   std::vector<OpPtr> result;
-  const auto found = typeIds_.find(type);
-  if (found == typeIds_.end() || typeCounts_[found->second] == 0) return result;
-  const std::uint32_t id = found->second;
-  const std::uint32_t wanted = typeCounts_[id];
+  if (wanted == 0) return result;
   result.reserve(wanted);
   for (const auto& block : blocks_) {
     for (std::size_t c = 0; c < block->chunks.size(); ++c) {
-      if ((block->typeMasks[c] & typeBit(id)) == 0) continue;
+      if ((block->typeMasks[c] & mask) == 0) continue;
       const Chunk& chunk = *block->chunks[c];
       for (std::size_t i = 0; i < chunk.types.size(); ++i) {
-        if (chunk.types[i] == id) result.push_back(chunk.ops[i]);
+        if (isWanted[chunk.types[i]] != 0) result.push_back(chunk.ops[i]);
       }
       if (result.size() == wanted) return result;
     }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -58,8 +59,9 @@ class OpOrder {
   const std::vector<OpPtr>& asVector() const;
 
   std::uint32_t countOfType(const std::string& type) const;
-  /// The ops of a type in execution order.
-  std::vector<OpPtr> ofType(const std::string& type) const;
+  /// The ops of a type, or of several types, in execution order.
+  std::vector<OpPtr> ofType(const std::string& type) const { return ofTypes({type}); }
+  std::vector<OpPtr> ofTypes(const std::set<std::string>& types) const;
 
  private:
   struct Block;

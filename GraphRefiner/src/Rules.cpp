@@ -15,19 +15,7 @@ namespace {
 // What the rule could match at its root, last op first.
 std::vector<OpPtr> collectRoots(const IrGraph& graph, const PatternPtr& pattern) {
   const auto types = possibleRootTypes(pattern);
-  std::vector<OpPtr> roots;
-  if (!types) {
-    roots = graph.getOps();
-  } else {
-    for (const std::string& type : *types) {
-      const std::vector<OpPtr> ofType = graph.opsOfType(type);
-      roots.insert(roots.end(), ofType.begin(), ofType.end());
-    }
-    if (types->size() > 1) {
-      std::sort(roots.begin(), roots.end(),
-                [&](const OpPtr& a, const OpPtr& b) { return graph.getOpIndex(a) < graph.getOpIndex(b); });
-    }
-  }
+  std::vector<OpPtr> roots = types ? graph.opsOfTypes(*types) : graph.getOps();
   std::reverse(roots.begin(), roots.end());
   return roots;
 }

@@ -6,15 +6,14 @@
 #include <array>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 #include "GraphRefiner/src/PassRegistry.h"
 #include "ir/IrGraph.h"
+#include "tests/support/CapturedOutput.h"
 #include "tests/support/Failures.h"
 
 namespace netforge::graphrefiner::testing {
@@ -23,17 +22,7 @@ using netforge::testing::failureOf;
 using OpPtr = std::shared_ptr<ops::IrOp>;
 using GraphPtr = std::shared_ptr<IrGraph>;
 
-// Collects standard output for the life of the object.
-class CapturedOutput {
- public:
-  CapturedOutput() : previous(std::cout.rdbuf(stream.rdbuf())) {}
-  ~CapturedOutput() { std::cout.rdbuf(previous); }
-  std::string text() const { return stream.str(); }
-
- private:
-  std::ostringstream stream;
-  std::streambuf* previous;
-};
+using netforge::testing::CapturedOutput;
 
 // Makes an empty directory the current one for the life of the object.
 class OwnDirectory {

@@ -51,8 +51,12 @@ class _Side:
 
 def _external_bytes(path: str | os.PathLike[str]) -> int:
     proto = onnx.load(path, load_external_data=False)
-    outside = [tensor for tensor in proto.graph.initializer if tensor.data_location == onnx.TensorProto.EXTERNAL]
-    return sum(int(entry.value) for tensor in outside for entry in tensor.external_data if entry.key == "length")
+    outside = [
+        tensor for tensor in proto.graph.initializer if tensor.data_location == onnx.TensorProto.EXTERNAL
+    ]
+    return sum(
+        int(entry.value) for tensor in outside for entry in tensor.external_data if entry.key == "length"
+    )
 
 
 class Checker:
@@ -139,7 +143,11 @@ class Checker:
 
     def _pairs(self, session: Session) -> list[tuple[str, str]]:
         """Outputs of the original with those of the other model: by name, or by position where names changed."""
-        missing = [info.name for info in session.inputs if all(info.name not in feeds for feeds in self.feeds.values())]
+        missing = [
+            info.name
+            for info in session.inputs
+            if all(info.name not in feeds for feeds in self.feeds.values())
+        ]
         if missing and self.feeds:
             raise ValueError(f"the model has an input '{missing[0]}' that the original doesn't have")
         before, after = self.original.session.outputs, session.outputs

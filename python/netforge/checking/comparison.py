@@ -25,11 +25,15 @@ ASSUMED_EPS = 8.0
 
 def compare(before: np.ndarray, after: np.ndarray, double: np.ndarray | None) -> Difference:
     if before.shape != after.shape:
-        return Difference(Verdict.DIFFERENT, note=f"dims {list(before.shape)} have become {list(after.shape)}")
+        return Difference(
+            Verdict.DIFFERENT, note=f"dims {list(before.shape)} have become {list(after.shape)}"
+        )
     if before.dtype != after.dtype:
         return Difference(Verdict.DIFFERENT, note=f"the type {before.dtype} has become {after.dtype}")
     if before.tobytes() == after.tobytes():
-        return Difference(Verdict.SAME_BITS, noise=_noise(before, double) if before.dtype.kind == "f" else 0.0)
+        return Difference(
+            Verdict.SAME_BITS, noise=_noise(before, double) if before.dtype.kind == "f" else 0.0
+        )
     if double is not None and double.shape != before.shape:
         double = None
     if before.dtype.kind == "c":
@@ -52,7 +56,9 @@ def _compare_exact(before: np.ndarray, after: np.ndarray, double: np.ndarray | N
     figures = float(distance.max()), float((distance / np.maximum(np.maximum(abs(a), abs(b)), 1)).max())
     undecided = double is not None and not (unequal & (double == before)).any()
     if undecided:
-        return Difference(Verdict.SUSPICIOUS, *figures, note=f"{count}, all undecided in the original's own precision")
+        return Difference(
+            Verdict.SUSPICIOUS, *figures, note=f"{count}, all undecided in the original's own precision"
+        )
     return Difference(Verdict.DIFFERENT, *figures, note=count)
 
 
@@ -65,12 +71,16 @@ def _compare_floats(before: np.ndarray, after: np.ndarray, double: np.ndarray | 
     if moved.any():
         count = f"{int(moved.sum())} of {a.size} elements are NaN or infinite in one run alone"
         undecided = double is not None and not (moved & _agrees(a, double)).any()
-        return Difference(Verdict.SUSPICIOUS if undecided else Verdict.DIFFERENT, np.inf, np.inf, noise, count)
+        return Difference(
+            Verdict.SUSPICIOUS if undecided else Verdict.DIFFERENT, np.inf, np.inf, noise, count
+        )
     a, b = a[finite], b[finite]
     distance = np.abs(a - b)
     if not distance.size or not distance.any():
         # NaN of other bits, or zeros of other signs.
-        return Difference(Verdict.SAME_BITS if (np.signbit(a) == np.signbit(b)).all() else Verdict.ROUNDING, noise=noise)
+        return Difference(
+            Verdict.SAME_BITS if (np.signbit(a) == np.signbit(b)).all() else Verdict.ROUNDING, noise=noise
+        )
     largest = float(distance.max())
     size = np.maximum(np.abs(a), np.abs(b))
     relative = float(np.divide(distance, size, out=np.zeros_like(distance), where=size > 0).max())

@@ -39,7 +39,9 @@ def doubled(model: onnx.ModelProto) -> onnx.ModelProto | None:
 
 
 def _has_graph(node: onnx.NodeProto) -> bool:
-    return any(attribute.type in (AttributeProto.GRAPH, AttributeProto.GRAPHS) for attribute in node.attribute)
+    return any(
+        attribute.type in (AttributeProto.GRAPH, AttributeProto.GRAPHS) for attribute in node.attribute
+    )
 
 
 def _kinds(model: onnx.ModelProto) -> dict[str, int] | None:
@@ -61,7 +63,9 @@ def _doubled_tensor(tensor: TensorProto) -> TensorProto:
     return numpy_helper.from_array(numpy_helper.to_array(tensor).astype(np.float64), tensor.name)
 
 
-def _doubled_node(node: onnx.NodeProto, kinds: dict[str, int], opsets: dict[str, int]) -> list[onnx.NodeProto]:
+def _doubled_node(
+    node: onnx.NodeProto, kinds: dict[str, int], opsets: dict[str, int]
+) -> list[onnx.NodeProto]:
     changed = onnx.NodeProto()
     changed.CopyFrom(node)
     schema = _schema(node, opsets)
@@ -85,7 +89,9 @@ def _doubled_node(node: onnx.NodeProto, kinds: dict[str, int], opsets: dict[str,
         for position, name in enumerate(node.output):
             if name and kinds.get(name) in FLOATS:
                 changed.output[position] = f"{name}__single"
-                after.append(helper.make_node("Cast", [changed.output[position]], [name], to=TensorProto.DOUBLE))
+                after.append(
+                    helper.make_node("Cast", [changed.output[position]], [name], to=TensorProto.DOUBLE)
+                )
     return [*before, changed, *after]
 
 

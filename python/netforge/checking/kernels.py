@@ -9,7 +9,9 @@ import numpy as np
 from onnx.reference.op_run import OpRun
 
 
-def _windows(x: np.ndarray, kernel: list[int], strides: list[int], dilations: list[int], out: list[int]) -> np.ndarray:
+def _windows(
+    x: np.ndarray, kernel: list[int], strides: list[int], dilations: list[int], out: list[int]
+) -> np.ndarray:
     """A view [batch, channels, *out, *kernel] of padded data."""
     steps = x.strides
     moving = [step * stride for step, stride in zip(steps[2:], strides, strict=True)]
@@ -57,18 +59,33 @@ def _padded(
 
 
 class Conv(OpRun):
-    def _run(self, X, W, B=None, auto_pad=None, dilations=None, group=None, kernel_shape=None, pads=None, strides=None):  # noqa: N803
+    def _run(
+        self,
+        X,
+        W,
+        B=None,
+        auto_pad=None,
+        dilations=None,
+        group=None,
+        kernel_shape=None,
+        pads=None,
+        strides=None,
+    ):  # noqa: N803
         kernel = list(W.shape[2:])
         count = len(kernel)
         strides, dilations = list(strides or [1] * count), list(dilations or [1] * count)
         pairs, out = _geometry(X.shape[2:], kernel, strides, dilations, pads, auto_pad or "NOTSET")
-        view = _windows(_padded(X, pairs, kernel, strides, dilations, out, 0), kernel, strides, dilations, out)
+        view = _windows(
+            _padded(X, pairs, kernel, strides, dilations, out, 0), kernel, strides, dilations, out
+        )
         groups = group or 1
         per_in, per_out = X.shape[1] // groups, W.shape[0] // groups
         result = np.empty((X.shape[0], W.shape[0], *out), X.dtype)
         if per_in == 1 and per_out == 1:
             axes = "abcdefg"[:count]
-            result = np.einsum(f"nk{axes.upper()}{axes},k{axes}->nk{axes.upper()}", view, W[:, 0], optimize=False)
+            result = np.einsum(
+                f"nk{axes.upper()}{axes},k{axes}->nk{axes.upper()}", view, W[:, 0], optimize=False
+            )
         else:
             contracted = [1, *range(2 + count, 2 + 2 * count)]
             for index in range(groups):
@@ -115,9 +132,15 @@ class ConvTranspose(OpRun):
             weight = W[index * per_in : (index + 1) * per_in]
             target = result[:, index * per_out : (index + 1) * per_out]
             for place in itertools.product(*map(range, kernel)):
-                product = np.moveaxis(np.tensordot(part, weight[(slice(None), slice(None), *place)], ([1], [0])), -1, 1)
+                product = np.moveaxis(
+                    np.tensordot(part, weight[(slice(None), slice(None), *place)], ([1], [0])), -1, 1
+                )
                 at = [
-                    slice(place[a] * dilations[a], place[a] * dilations[a] + (X.shape[2 + a] - 1) * strides[a] + 1, strides[a])
+                    slice(
+                        place[a] * dilations[a],
+                        place[a] * dilations[a] + (X.shape[2 + a] - 1) * strides[a] + 1,
+                        strides[a],
+                    )
                     for a in range(count)
                 ]
                 target[(slice(None), slice(None), *at)] += product
@@ -137,10 +160,16 @@ class MaxPool(OpRun):
             raise NotImplementedError("the places of the maxima")
         count = len(kernel_shape)
         strides, dilations = list(strides or [1] * count), list(dilations or [1] * count)
-        pairs, out = _geometry(x.shape[2:], kernel_shape, strides, dilations, pads, auto_pad or "NOTSET", ceil_mode or 0)
+        pairs, out = _geometry(
+            x.shape[2:], kernel_shape, strides, dilations, pads, auto_pad or "NOTSET", ceil_mode or 0
+        )
         lowest = -np.inf if x.dtype.kind == "f" else np.iinfo(x.dtype).min
         view = _windows(
-            _padded(x, pairs, kernel_shape, strides, dilations, out, lowest), kernel_shape, strides, dilations, out
+            _padded(x, pairs, kernel_shape, strides, dilations, out, lowest),
+            kernel_shape,
+            strides,
+            dilations,
+            out,
         )
         return (view.max(axis=tuple(range(2 + count, 2 + 2 * count))),)
 
@@ -152,7 +181,9 @@ class AveragePool(OpRun):
     ):  # fmt: skip
         count = len(kernel_shape)
         strides, dilations = list(strides or [1] * count), list(dilations or [1] * count)
-        pairs, out = _geometry(x.shape[2:], kernel_shape, strides, dilations, pads, auto_pad or "NOTSET", ceil_mode or 0)
+        pairs, out = _geometry(
+            x.shape[2:], kernel_shape, strides, dilations, pads, auto_pad or "NOTSET", ceil_mode or 0
+        )
         ones = np.ones((1, 1, *x.shape[2:]), x.dtype)
         if count_include_pad:
             ones = np.pad(ones, [(0, 0), (0, 0), *pairs], constant_values=1)

@@ -19,7 +19,9 @@ _PASSING = frozenset(
 )
 
 
-def feeds_of(model: onnx.ModelProto, sizes: Mapping[str, int], regime: str, seed: int) -> dict[str, np.ndarray]:
+def feeds_of(
+    model: onnx.ModelProto, sizes: Mapping[str, int], regime: str, seed: int
+) -> dict[str, np.ndarray]:
     """One array per graph input. `sizes` gives the symbols, or "" for all that it doesn't name.
 
     Indices of the model stay below the axis that they count, wherever that is known.
@@ -33,7 +35,9 @@ def feeds_of(model: onnx.ModelProto, sizes: Mapping[str, int], regime: str, seed
         kind = info.type.tensor_type
         dims = [_size(dim, sizes) for dim in kind.shape.dim]
         random = np.random.default_rng([seed, zlib.crc32(info.name.encode()), REGIMES.index(regime)])
-        feeds[info.name] = _draw(random, regime, kind.elem_type, tuple(dims), bounds.get(info.name, _LARGEST_INTEGER))
+        feeds[info.name] = _draw(
+            random, regime, kind.elem_type, tuple(dims), bounds.get(info.name, _LARGEST_INTEGER)
+        )
     return feeds
 
 
@@ -43,7 +47,9 @@ def _size(dim: onnx.TensorShapeProto.Dimension, sizes: Mapping[str, int]) -> int
     return sizes.get(dim.dim_param, sizes.get("", 1))
 
 
-def _draw(random: np.random.Generator, regime: str, elem_type: int, dims: tuple[int, ...], bound: int) -> np.ndarray:
+def _draw(
+    random: np.random.Generator, regime: str, elem_type: int, dims: tuple[int, ...], bound: int
+) -> np.ndarray:
     dtype = helper.tensor_dtype_to_np_dtype(elem_type)
     if regime in ("zeros", "ones"):
         return np.full(dims, min(regime == "ones", bound - 1), dtype)

@@ -95,7 +95,10 @@ class CheckReport:
             figures = [f"{figure:.3g}" for figure in (output.absolute, output.relative, noise)]
             rows.append((output.name, str(output.verdict), *figures, regime))
         widths = [max(len(row[column]) for row in rows) for column in range(len(head))]
-        lines = ["  ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)).rstrip() for row in rows]
+        lines = [
+            "  ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)).rstrip()
+            for row in rows
+        ]
         lines.insert(1, "  ".join("-" * width for width in widths))
         for output in self.outputs:
             note = output.regimes[output.worst_regime].note if output.regimes else ""

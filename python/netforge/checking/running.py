@@ -75,7 +75,10 @@ class DoubleRun:
     def run(self, feeds: Feeds) -> dict[str, np.ndarray] | None:
         if self.precision == "single":
             return None
-        doubles = {name: array.astype(np.float64) if array.dtype.kind in "fV" else array for name, array in feeds.items()}
+        doubles = {
+            name: array.astype(np.float64) if array.dtype.kind in "fV" else array
+            for name, array in feeds.items()
+        }
         try:
             if self._session is not None:
                 return self._session.run(doubles)

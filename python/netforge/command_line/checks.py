@@ -42,7 +42,9 @@ def _original(options: argparse.Namespace) -> Checker:
         except Exception as error:
             reason = " ".join(str(error).split())[:200]
             checker = Checker(load_model(options))
-            checker.notes.append(f"compared with the imported graph, as the model's file can't be run: {reason}")
+            checker.notes.append(
+                f"compared with the imported graph, as the model's file can't be run: {reason}"
+            )
             return checker
     return Checker(load_model(options))
 

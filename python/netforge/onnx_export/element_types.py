@@ -27,8 +27,12 @@ _BY_NAME = {
     "UFIXED_POINT_8": UINT8, "UFIXED_POINT_16": UINT16, "UFIXED_POINT_32": UINT32,
     "INT_4": TensorProto.INT4, "UINT_4": TensorProto.UINT4,
 }  # fmt: skip
-_BY_NAME.update((f"{name[:-1]}_2", getattr(TensorProto, name)) for name in ("INT2", "UINT2") if hasattr(TensorProto, name))
-_ELEMENT_TYPES = {int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()}
+_BY_NAME.update(
+    (f"{name[:-1]}_2", getattr(TensorProto, name)) for name in ("INT2", "UINT2") if hasattr(TensorProto, name)
+)
+_ELEMENT_TYPES = {
+    int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()
+}
 
 
 def element_type(data_type: netforge.DataType) -> int:

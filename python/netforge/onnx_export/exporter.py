@@ -68,7 +68,9 @@ def _value_info(tensor: netforge.IrTensor, symbols: bool) -> onnx.ValueInfoProto
     return helper.make_tensor_value_info(tensor.name, element_type(tensor.dataType), dims)
 
 
-def _model(graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx.TensorProto]) -> onnx.ModelProto:
+def _model(
+    graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx.TensorProto]
+) -> onnx.ModelProto:
     shown = {tensor.name for tensor in (*graph.graphInputs, *graph.graphOutputs)}
     written = {name for node in writer.nodes for name in node.output} - shown
     inner = [tensor for name, tensor in graph.tensors.items() if name in written]
@@ -84,7 +86,11 @@ def _model(graph: netforge.IrGraph, writer: GraphWriter, initializers: list[onnx
     opsets += [helper.make_opsetid(domain, version) for domain, version in sorted(writer.domains.items())]
     ir_version = next((ir for last, ir in _IR_VERSIONS if writer.opset <= last), onnx.IR_VERSION)
     return helper.make_model(
-        proto, opset_imports=opsets, ir_version=ir_version, producer_name="netforge", producer_version=netforge.__version__
+        proto,
+        opset_imports=opsets,
+        ir_version=ir_version,
+        producer_name="netforge",
+        producer_version=netforge.__version__,
     )
 
 
@@ -118,7 +124,9 @@ def to_onnx(
         return _model(graph, writer, outside(constants, external_data))
     total = total_bytes(constants)
     if total > LARGEST_INSIDE:
-        raise OnnxExportError(f"{total} bytes of constants are more than one model can hold: name a file for external data")
+        raise OnnxExportError(
+            f"{total} bytes of constants are more than one model can hold: name a file for external data"
+        )
     return _model(graph, writer, [inside(found) for found in constants])
 
 
@@ -128,7 +136,9 @@ def to_onnx_with(graph: netforge.IrGraph, shown: Iterable[str]) -> onnx.ModelPro
     writer = _write_graph(graph, choose_opset(graph.ops), names)
     model = _model(graph, writer, [inside(found) for found in writer.initializers.values()])
     there = {info.name for info in model.graph.output}
-    model.graph.output.extend(_value_info(graph.getTensor(name), False) for name in names if name not in there)
+    model.graph.output.extend(
+        _value_info(graph.getTensor(name), False) for name in names if name not in there
+    )
     kept = [info for info in model.graph.value_info if info.name not in set(names)]
     del model.graph.value_info[:]
     model.graph.value_info.extend(kept)

@@ -93,7 +93,9 @@ class GraphWriter:
                 if held in self.values:
                     return held
             self.values[held] = Value(kind, dims, tensor)
-            self.initializers[held] = Initializer(held, kind, tuple(tensor.dims), lambda: static_array(tensor))
+            self.initializers[held] = Initializer(
+                held, kind, tuple(tensor.dims), lambda: static_array(tensor)
+            )
             return held
         self.values[name] = Value(kind, dims)
         return name
@@ -101,7 +103,9 @@ class GraphWriter:
     def constant(self, array: np.ndarray, name: str) -> str:
         """An initializer of the writer's own. Small ones of equal value are shared."""
         array = np.ascontiguousarray(array) if array.ndim else array
-        key = (array.dtype.str, array.shape, array.tobytes()) if array.nbytes <= CONSTANT_REUSE_BYTES else None
+        key = (
+            (array.dtype.str, array.shape, array.tobytes()) if array.nbytes <= CONSTANT_REUSE_BYTES else None
+        )
         if key in self._constants:
             return self._constants[key]
         name = self.unique(name)
@@ -139,7 +143,12 @@ class GraphWriter:
         domain: str = "",
     ) -> onnx.NodeProto:
         node = helper.make_node(
-            op_type, list(inputs), list(outputs), self.unique_node(name), domain=domain or None, **(attributes or {})
+            op_type,
+            list(inputs),
+            list(outputs),
+            self.unique_node(name),
+            domain=domain or None,
+            **(attributes or {}),
         )
         self.nodes.append(node)
         return node

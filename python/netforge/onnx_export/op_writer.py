@@ -7,7 +7,15 @@ from collections.abc import Sequence
 import numpy as np
 
 import netforge
-from netforge.onnx_export.element_types import BOOL, FLOAT, FLOATS, INT64, computing_type, element_type, numpy_type
+from netforge.onnx_export.element_types import (
+    BOOL,
+    FLOAT,
+    FLOATS,
+    INT64,
+    computing_type,
+    element_type,
+    numpy_type,
+)
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import Dim, GraphWriter, Value, dims_of
 
@@ -114,7 +122,9 @@ class OpWriter:
         self.graph.add(op_type, inputs, [output], self.op.name, attributes)
         return self.cast(output, result)
 
-    def nodes(self, op_type: str, inputs: Sequence[str], attributes: dict[str, object], kinds: list[int]) -> list[str]:
+    def nodes(
+        self, op_type: str, inputs: Sequence[str], attributes: dict[str, object], kinds: list[int]
+    ) -> list[str]:
         """A node of several outputs, of the given types."""
         outputs = [self.temporary(kind) for kind in kinds]
         self.graph.add(op_type, inputs, outputs, self.op.name, attributes)
@@ -158,7 +168,9 @@ class OpWriter:
             return value
         if None not in tensor_dims:
             key = ("as", "x".join(map(str, tensor_dims)) or "scalar")
-            found = self.graph.changed_constant(value, key, tensor_dims, lambda array: array.reshape(tensor_dims))
+            found = self.graph.changed_constant(
+                value, key, tensor_dims, lambda array: array.reshape(tensor_dims)
+            )
             if found is not None:
                 return found
         if tensor_dims.count(None) > 1:

@@ -79,7 +79,9 @@ def stands_in(op: netforge.IrOp, version: int) -> bool:
     names = {key for key in op.attributes.keys() if key not in _OWN | _OWN_PLACES}
     if not names <= set(after.attributes):
         return False
-    if any(after.attributes[key].type != before.attributes[key].type for key in names & set(before.attributes)):
+    if any(
+        after.attributes[key].type != before.attributes[key].type for key in names & set(before.attributes)
+    ):
         return False
     required = [key for key, attribute in after.attributes.items() if attribute.required]
     return set(required) <= names and _takes(after, op)
@@ -92,7 +94,9 @@ def _takes(schema: defs.OpSchema, op: netforge.IrOp) -> bool:
         places = op.attributes.getStaticTensor("onnx_input_positions").numpy().reshape(-1).tolist()
     if not schema.min_input <= max(places) + 1 <= schema.max_input:
         return False
-    constraints = {constraint.type_param_str: constraint.allowed_type_strs for constraint in schema.type_constraints}
+    constraints = {
+        constraint.type_param_str: constraint.allowed_type_strs for constraint in schema.type_constraints
+    }
     for place, tensor in zip(places, op.inputs, strict=True):
         formal = schema.inputs[min(place, len(schema.inputs) - 1)].type_str
         name = onnx.TensorProto.DataType.Name(element_type(tensor.dataType)).lower()
@@ -157,7 +161,11 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
     types = defs.OpSchema.AttrType
     if isinstance(value, netforge.IrStaticTensor):
         array = value.numpy().reshape(tuple(value.dims))
-        if kind == types.TENSOR or kind is None and (array.ndim != 1 or array.dtype not in (np.int64, np.float32)):
+        if (
+            kind == types.TENSOR
+            or kind is None
+            and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
+        ):
             return numpy_helper.from_array(np.ascontiguousarray(array))
         if kind == types.INT:
             return int(array.reshape(-1)[0])
@@ -172,7 +180,12 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
 
 
 def _write_converted(
-    op: OpWriter, name: str, version: int, inputs: list[str], outputs: list[str], attributes: dict[str, object]
+    op: OpWriter,
+    name: str,
+    version: int,
+    inputs: list[str],
+    outputs: list[str],
+    attributes: dict[str, object],
 ) -> None:
     """Brings the node to the graph's version, as the onnx package converts a model of this one node."""
     if name in _RENAMED:

@@ -72,7 +72,9 @@ def _append(file: BinaryIO, array: np.ndarray) -> int:
 def _array(found: Initializer) -> np.ndarray:
     array = found.array()
     if array.shape != tuple(found.dims) or array.dtype.itemsize != numpy_type(found.kind).itemsize:
-        raise OnnxExportError(f"constant '{found.name}' has {array.shape} elements, expected {tuple(found.dims)}")
+        raise OnnxExportError(
+            f"constant '{found.name}' has {array.shape} elements, expected {tuple(found.dims)}"
+        )
     return array
 
 

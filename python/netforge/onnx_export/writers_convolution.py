@@ -77,7 +77,9 @@ def _bias(op: OpWriter, x: str) -> list[str]:
     return [op.reshape(bias, (max(op.static_dims(bias)),)) if op.rank(bias) > 1 else bias]
 
 
-def _resolve(op: OpWriter, windows: Windows, sizes: tuple[Dim, ...], out: tuple[Dim, ...]) -> dict[str, object]:
+def _resolve(
+    op: OpWriter, windows: Windows, sizes: tuple[Dim, ...], out: tuple[Dim, ...]
+) -> dict[str, object]:
     """Attributes with the pads that the padding strategy asks for."""
     strategy = int(op.attribute("padding_size_strategy", EXPLICIT_FLOOR))
     if strategy == VALID:

@@ -64,7 +64,14 @@ def unary(op: OpWriter) -> None:
 ADD, AND, DIVIDE, EQUAL, FLOOR_DIVIDE, FMOD = range(6)
 MOD, NOT_EQUAL = 12, 14
 _LOGICAL = {AND: "And", 15: "Or", 19: "Xor"}
-_COMPARING = {EQUAL: "Equal", 6: "Greater", 7: "GreaterOrEqual", 8: "Less", 9: "LessOrEqual", NOT_EQUAL: "Equal"}
+_COMPARING = {
+    EQUAL: "Equal",
+    6: "Greater",
+    7: "GreaterOrEqual",
+    8: "Less",
+    9: "LessOrEqual",
+    NOT_EQUAL: "Equal",
+}
 _ARITHMETIC = {ADD: "Add", DIVIDE: "Div", 10: "Max", 11: "Min", 13: "Mul", 16: "Pow", 18: "Sub"}
 _BINARY_NAMES = {
     "ElementWiseAdd": ADD, "ElementWiseAnd": AND, "ElementWiseDivide": DIVIDE, "ElementWiseEqual": EQUAL,
@@ -176,7 +183,11 @@ _NEURON_NAMES = {"Elu": 0, "Tanh": 8, "ReluMinMax": 5, "Relu": 4, "Sigmoid": 6, 
 
 def _tanh(op: OpWriter, x: str) -> str:
     """alpha * tanh(beta * x); both are 1 where they aren't given."""
-    return scaled(op, op.node("Tanh", [scaled(op, x, float(op.attribute("beta", 1.0)))]), float(op.attribute("alpha", 1.0)))
+    return scaled(
+        op,
+        op.node("Tanh", [scaled(op, x, float(op.attribute("beta", 1.0)))]),
+        float(op.attribute("alpha", 1.0)),
+    )
 
 
 def scaled(op: OpWriter, x: str, factor: float) -> str:
@@ -213,7 +224,9 @@ _NEURONS: dict[int, Callable[[OpWriter, str], str]] = {
     0: lambda op, x: op.node("Elu", [x], {"alpha": float(op.attribute("alpha", 1.0))}),
     1: gelu,
     2: lambda op, x: op.node(
-        "HardSigmoid", [x], {"alpha": float(op.attribute("alpha", 0.2)), "beta": float(op.attribute("beta", 0.5))}
+        "HardSigmoid",
+        [x],
+        {"alpha": float(op.attribute("alpha", 0.2)), "beta": float(op.attribute("beta", 0.5))},
     ),
     3: lambda op, x: op.node("HardSwish", [x]),
     4: lambda op, x: op.node("Relu", [x]),

@@ -54,7 +54,12 @@ def fully_connected(op: OpWriter) -> None:
         x, dims = op.reshape(x, (None, features)), (None, features)
     if len(dims) == 2 and op.kind(x) in FLOATS:
         operands = [x, weight] + ([op.reshape(bias, (_elements(op, bias),))] if bias else [])
-        product = op.node("Gemm", operands, {"transB": int(outputs_first)}, dims=(dims[0], first if outputs_first else second))
+        product = op.node(
+            "Gemm",
+            operands,
+            {"transB": int(outputs_first)},
+            dims=(dims[0], first if outputs_first else second),
+        )
     else:
         product = op.node("MatMul", [x, swapped(op, weight) if outputs_first else weight])
         if bias:

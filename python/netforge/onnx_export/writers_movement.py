@@ -67,7 +67,9 @@ def pack(op: OpWriter) -> None:
         dims = op.dims(name)
         wide = (*dims[:axis], 1, *dims[axis:])
         many = wide.count(None) > 1
-        names.append(op.node("Unsqueeze", [name, op.shape([axis], "axes")]) if many else op.reshape(name, wide))
+        names.append(
+            op.node("Unsqueeze", [name, op.shape([axis], "axes")]) if many else op.reshape(name, wide)
+        )
     op.result(op.node("Concat", names, {"axis": axis}))
 
 
@@ -144,7 +146,9 @@ def strided_slice(op: OpWriter) -> None:
             dropped.append(axis)
         else:
             first, last = begin_mask >> place & 1, end_mask >> place & 1
-            bounds.append((axis, *_bounds(begin, end, step, size, bool(first), bool(last), op.op.inputs[0].dims[axis])))
+            bounds.append(
+                (axis, *_bounds(begin, end, step, size, bool(first), bool(last), op.op.inputs[0].dims[axis]))
+            )
         place += 1
     while new >> place & 1:
         added.append(place - len(dropped))
@@ -215,7 +219,10 @@ def resize(op: OpWriter) -> None:
     nearest = int(op.attribute("nearest_mode", 0))
     if mode is None or coordinates >= len(_COORDINATES) or nearest >= len(_NEAREST):
         raise op.fail("its interpolation, coordinates or rounding isn't known")
-    attributes: dict[str, object] = {"mode": mode, "coordinate_transformation_mode": _COORDINATES[coordinates]}
+    attributes: dict[str, object] = {
+        "mode": mode,
+        "coordinate_transformation_mode": _COORDINATES[coordinates],
+    }
     if mode == "nearest":
         attributes["nearest_mode"] = _NEAREST[nearest]
     else:

@@ -19,7 +19,11 @@ def batchnorm(op: OpWriter) -> None:
     def per_channel(value: str) -> str:
         value = op.cast(value, op.kind(x))
         dims = op.dims(value)
-        return op.reshape(value, (math.prod(op.static_dims(value)), *([1] * after))) if after or len(dims) != 1 else value
+        return (
+            op.reshape(value, (math.prod(op.static_dims(value)), *([1] * after)))
+            if after or len(dims) != 1
+            else value
+        )
 
     y = op.node("Mul", [x, per_channel(op.input(1))]) if op.input(1) else x
     op.result(op.node("Add", [y, per_channel(op.input(2))]) if op.input(2) else y)
@@ -134,5 +138,3 @@ def softmax(op: OpWriter) -> None:
     x = op.require_float(op.x)
     axis = op.axis(op.rank(x), default=-1)
     op.result(op.node(op.op.type, [scaled(op, x, float(op.attribute("beta", 1.0)))], {"axis": axis}))
-
-

@@ -85,11 +85,19 @@ def convert(op: OpWriter) -> None:
     limits = np.iinfo(numpy_type(out_kind))
     if out_kind in (INT8, UINT8, INT16, UINT16) and limits.min <= after.zero_point <= limits.max:
         zero_point = op.constant(int(after.zero_point), out_kind, "zero_point")
-        op.result(op.node("QuantizeLinear", [value, op.like(value, after.scale, "scale"), zero_point], kind=out_kind))
+        op.result(
+            op.node(
+                "QuantizeLinear", [value, op.like(value, after.scale, "scale"), zero_point], kind=out_kind
+            )
+        )
         return
     value = op.node("Round", [op.node("Div", [value, op.like(value, after.scale, "scale")])])
     value = op.node("Add", [value, op.like(value, after.zero_point, "zero_point")])
     # The largest float below the bound: a bound itself may round up and over.
-    highest = float(limits.max) if out_kind not in (INT32,) else float(np.nextafter(np.float32(limits.max), np.float32(0)))
+    highest = (
+        float(limits.max)
+        if out_kind not in (INT32,)
+        else float(np.nextafter(np.float32(limits.max), np.float32(0)))
+    )
     bounds = [op.like(value, float(limits.min), "lowest"), op.like(value, highest, "highest")]
     op.result(op.node("Clip", [value, *bounds]))

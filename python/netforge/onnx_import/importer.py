@@ -48,7 +48,10 @@ def plan_model(
     loaded = load_model(source, external_data_dir)
     progress(0.2, "folding constants")
     model = prepare(
-        loaded, random_weights, account, lambda done: progress(0.2 + 0.4 * done, "folding constants")
+        loaded,
+        random_weights,
+        account,
+        lambda done: progress(min(0.2 + 0.4 * done, 0.6), "folding constants"),
     )
     progress(0.6, "converting")
     builder = Builder(model, layout == "spatial_first", spatial_values(model))

@@ -60,6 +60,7 @@ class Inference:
         self._opsets = opsets
         self._whole: dict[str, onnx.TypeProto] | None = None
         self.inferred: dict[str, ValueType] = {}
+        self._outputs = frozenset(info.name for info in model.graph.output)
         self._declared: dict[str, onnx.TypeProto] = {
             info.name: info.type for group in (model.graph.value_info, model.graph.output) for info in group
         }
@@ -68,9 +69,12 @@ class Inference:
         self.inferred[name] = value
 
     def type_of(self, name: str) -> ValueType | None:
-        """Type of a value that was met already, completed by what the model declares."""
+        """Type of a value that was met already, completed by what the model declares.
+
+        What it declares for a graph output holds: the application relies on it.
+        """
         known = self.inferred.get(name)
-        if known is not None and known.is_static:
+        if known is not None and known.is_static and name not in self._outputs:
             return known
         declared = self._declared.get(name)
         stated = None if declared is None else type_of_proto(declared, name)
@@ -78,6 +82,14 @@ class Inference:
             return known or stated
         dims = tuple(s if isinstance(s, int) else k for k, s in zip(known.dims, stated.dims, strict=True))
         return ValueType(known.elem_type, dims)
+
+    def is_contradicted(self, name: str) -> bool:
+        """Whether the model declares a graph output with other sizes than follow from its inputs."""
+        known, stated = self.inferred.get(name), self.type_of(name)
+        if name not in self._outputs or known is None or stated is None:
+            return False
+        pairs = zip(known.dims, stated.dims, strict=False)
+        return known.rank != stated.rank or any(isinstance(k, int) and k != s for k, s in pairs)
 
     def infer(self, node: onnx.NodeProto, constants: dict[str, Constant]) -> None:
         """Types of the node's outputs, into `inferred`; says nothing where nothing can be said."""

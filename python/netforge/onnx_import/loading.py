@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import mmap
 import os
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -10,32 +11,33 @@ import onnx
 from google.protobuf.message import DecodeError
 
 from netforge.onnx_import.errors import OnnxImportError
-from netforge.onnx_import.values import Constant
+from netforge.onnx_import.values import Constant, ExternalBytes
 from netforge.onnx_import.wire import Place, split_constants
 
 OLDEST_OPSET = 7
 # Serialising beyond this size fails, so such models are checked by their path alone.
 _LARGEST_MESSAGE = (1 << 31) - 1
+_MAPPED_FROM_BYTES = 1 << 20
 
 
 @dataclass
 class LoadedModel:
-    """A model whose larger constants may still lie in the bytes of its file.
+    """A model whose larger constants still lie in its file.
 
-    `places` tells by tensor name where in `data` the constants lie that `proto` lacks. `folder` is where
-    external files lie; None when the model has no place on disk.
+    `places` tells by tensor name where in the file at `path` the constants lie that `proto` lacks. `folder`
+    is where external files lie; None when the model has no place on disk.
     """
 
     proto: onnx.ModelProto
     folder: str | None = None
-    data: bytes = b""
+    path: str = ""
     places: dict[str, Place] = field(default_factory=dict)
 
     def constant(self, tensor: onnx.TensorProto) -> Constant:
         place = self.places.get(tensor.name)
         if place is None:
             return Constant.from_proto(tensor, self.folder)
-        return Constant.from_bytes(tensor, memoryview(self.data)[place.offset : place.offset + place.length])
+        return Constant.from_file(tensor, ExternalBytes(self.path, place.offset, place.length))
 
 
 def load_model(
@@ -47,11 +49,7 @@ def load_model(
     model's file. Raises OnnxImportError for what is no valid model, and the operating system's own errors
     for a file that can't be opened.
     """
-    if isinstance(source, onnx.ModelProto):
-        loaded = LoadedModel(source)
-    else:
-        path = Path(source)
-        loaded = _parse(path.read_bytes(), str(path.resolve().parent))
+    loaded = LoadedModel(source) if isinstance(source, onnx.ModelProto) else _parse(Path(source))
     if external_data_dir is not None:
         loaded.folder = os.fspath(external_data_dir)
     opset_versions(loaded.proto)
@@ -78,35 +76,30 @@ def _domain(name: str) -> str:
     return "" if name == "ai.onnx" else name
 
 
-def _parse(data: bytes, folder: str) -> LoadedModel:
-    reduced, places = split_constants(data)
+def _parse(path: Path) -> LoadedModel:
+    """Parses all but the larger constants, which are so never in memory twice."""
+    with path.open("rb") as file:
+        if os.fstat(file.fileno()).st_size < _MAPPED_FROM_BYTES:
+            reduced, places = split_constants(file.read())
+        else:
+            with mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as data:
+                reduced, places = split_constants(data)
     proto = onnx.ModelProto()
     try:
         proto.ParseFromString(reduced)
-    except DecodeError as error:
+    except (DecodeError, ValueError) as error:
         raise OnnxImportError("the file is no ONNX model, or it is truncated") from error
-    return LoadedModel(proto, folder, data, places)
+    return LoadedModel(proto, str(path.resolve().parent), str(path), places)
 
 
 def _check(loaded: LoadedModel) -> None:
     """The checker sees constants whose bytes are elsewhere as inputs: their bytes are checked when read."""
-    model = loaded.proto
-    elsewhere = [
-        tensor
-        for tensor in model.graph.initializer
+    elsewhere = {
+        tensor.name
+        for tensor in loaded.proto.graph.initializer
         if tensor.name in loaded.places or tensor.data_location == onnx.TensorProto.EXTERNAL
-    ]
-    if elsewhere:
-        names = {tensor.name for tensor in elsewhere}
-        inputs = {info.name for info in model.graph.input}
-        model = onnx.ModelProto()
-        model.CopyFrom(loaded.proto)
-        del model.graph.initializer[:]
-        model.graph.initializer.extend(t for t in loaded.proto.graph.initializer if t.name not in names)
-        for tensor in elsewhere:
-            if tensor.name not in inputs:
-                value = onnx.helper.make_tensor_type_proto(tensor.data_type, tensor.dims)
-                model.graph.input.append(onnx.helper.make_value_info(tensor.name, value))
+    }
+    model = _checkable(loaded.proto, elsewhere)
     if model.ByteSize() > _LARGEST_MESSAGE:
         return
     try:
@@ -114,6 +107,28 @@ def _check(loaded: LoadedModel) -> None:
     except Exception as error:
         text = " ".join(str(error).split())
         raise OnnxImportError(f"the model isn't valid: {text}") from error
+
+
+def _checkable(proto: onnx.ModelProto, elsewhere: set[str]) -> onnx.ModelProto:
+    """The model, or a copy with the initializers of `elsewhere` as inputs and with shapes for all outputs."""
+    types = [info.type for info in proto.graph.output]
+    shapeless = [kind.HasField("tensor_type") and not kind.tensor_type.HasField("shape") for kind in types]
+    if not elsewhere and not any(shapeless):
+        return proto
+    model = onnx.ModelProto()
+    model.CopyFrom(proto)
+    for info, lacks_shape in zip(model.graph.output, shapeless, strict=True):
+        if lacks_shape:
+            info.type.tensor_type.shape.SetInParent()
+    inputs = {info.name for info in model.graph.input}
+    del model.graph.initializer[:]
+    for tensor in proto.graph.initializer:
+        if tensor.name not in elsewhere:
+            model.graph.initializer.append(tensor)
+        elif tensor.name not in inputs:
+            value = onnx.helper.make_tensor_type_proto(tensor.data_type, tensor.dims)
+            model.graph.input.append(onnx.helper.make_value_info(tensor.name, value))
+    return model
 
 
 def _inline_functions(model: onnx.ModelProto) -> onnx.ModelProto:

@@ -143,7 +143,7 @@ def reciprocal(builder: Builder, node: Node) -> None:
 @converter(*_VARIADIC)
 def variadic(builder: Builder, node: Node) -> None:
     if len(node.inputs) == 1:
-        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)], plain=True)
+        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)])
         return
     names = operands(builder, node.inputs)
     chain(builder, node, _VARIADIC[node.op_type], names, builder.output(node))
@@ -232,7 +232,7 @@ def clip(builder: Builder, node: Node) -> None:
         if given[position]
     ]
     if not steps:
-        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)], plain=True)
+        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)])
         return
     if not kind.dims:
         raise NotTyped("the operand is of rank 0")

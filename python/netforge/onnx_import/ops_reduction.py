@@ -27,7 +27,7 @@ def reduction(builder: Builder, node: Node) -> None:
     if axes is None:
         if node.op_type not in _PLAIN_REDUCTIONS:
             raise NotTyped("it has no axes, and what is left of it then isn't the same in all versions")
-        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)], plain=True)
+        builder.add("Identity", [builder.get(node.inputs[0])], [builder.output(node)])
         return
     if not kind.rank:
         raise NotTyped("the operand is of rank 0")

@@ -59,6 +59,9 @@ def convert_node(builder: Builder, node: Node, account: ImportAccount) -> None:
                 ir_type_name(builder.type_of(name).elem_type)
         if function is None:
             raise NotTyped("no op of the catalogue stands for this operator")
+        contradicted = [name for name in node.outputs if builder.model.inference.is_contradicted(name)]
+        if contradicted:
+            raise NotTyped(f"'{contradicted[0]}' is declared with other sizes than follow from the inputs")
         function(builder, node)
     except NotTyped as reason:
         if any(not op.for_layout for op in builder.plan.ops[planned:]):

@@ -8,8 +8,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 
 import numpy as np
-import onnx
-from onnx import TensorProto, numpy_helper
+from onnx import TensorProto, helper, numpy_helper
 
 from netforge.onnx_import.errors import OnnxImportError
 
@@ -84,7 +83,7 @@ class ValueType:
 
 @dataclass(frozen=True)
 class ExternalBytes:
-    """Where the bytes of a constant lie in a file beside the model."""
+    """Where the bytes of a constant lie: in a file beside the model, or in the model's own."""
 
     path: str
     offset: int
@@ -128,7 +127,7 @@ class Constant:
     @classmethod
     def from_array(cls, array: np.ndarray, elem_type: int | None = None) -> Constant:
         if elem_type is None:
-            elem_type = onnx.helper.np_dtype_to_tensor_dtype(array.dtype)
+            elem_type = helper.np_dtype_to_tensor_dtype(array.dtype)
         return cls(elem_type, tuple(int(size) for size in array.shape), lambda: array)
 
     @classmethod
@@ -148,40 +147,48 @@ class Constant:
         return cls(tensor.data_type, dims, lambda: _read(tensor))
 
     @classmethod
-    def from_bytes(cls, tensor: TensorProto, raw: memoryview) -> Constant:
-        """A constant whose bytes lie elsewhere in memory, and are borrowed from there."""
+    def from_file(cls, tensor: TensorProto, place: ExternalBytes) -> Constant:
+        """A constant whose bytes are read from a file into memory of their own, aligned, on first use."""
         dims = tuple(int(size) for size in tensor.dims)
         dtype = storage_dtype(tensor.data_type)
-        array = _array_of_bytes(tensor.name, raw, dims, dtype)
-        if tensor.data_type == TensorProto.BFLOAT16:
-            array = array.view(onnx.helper.tensor_dtype_to_np_dtype(tensor.data_type))
-        return cls(tensor.data_type, dims, lambda: array)
+        _check_size(tensor.name, place.length, dims, dtype)
+        return cls(tensor.data_type, dims, lambda: _read_file(tensor.data_type, dims, place))
 
     @classmethod
     def _from_external(cls, tensor: TensorProto, dims: tuple[int, ...], folder: str | None) -> Constant:
         dtype = storage_dtype(tensor.data_type)
         ref = _external_bytes(tensor, math.prod(dims) * dtype.itemsize, folder)
 
-        def read() -> np.ndarray:
-            if not ref.length:
-                return np.zeros(dims, dtype)
-            mapped = np.memmap(ref.path, dtype, "r", ref.offset, dims or (1,)).reshape(dims)
-            if tensor.data_type == TensorProto.BFLOAT16:
-                return mapped.view(onnx.helper.tensor_dtype_to_np_dtype(tensor.data_type))
-            return mapped
-
         # Bytes of half tensors that lie in a file count as 32-bit floats for the IR: those are read here.
         by_ir = tensor.data_type != TensorProto.FLOAT16 and ref.length > 0
-        return cls(tensor.data_type, dims, read, ref if by_ir else None)
-
-
-def _array_of_bytes(name: str, raw: bytes | memoryview, dims: tuple[int, ...], dtype: np.dtype) -> np.ndarray:
-    expected = math.prod(dims) * dtype.itemsize
-    if len(raw) != expected or min(dims, default=0) < 0:
-        raise OnnxImportError(
-            f"tensor '{name}' of dims {list(dims)} has {len(raw)} bytes of data, expected {expected}"
+        return cls(
+            tensor.data_type, dims, lambda: _read_file(tensor.data_type, dims, ref), ref if by_ir else None
         )
+
+
+def _check_size(name: str, length: int, dims: tuple[int, ...], dtype: np.dtype) -> None:
+    expected = math.prod(dims) * dtype.itemsize
+    if length != expected or min(dims, default=0) < 0:
+        raise OnnxImportError(
+            f"tensor '{name}' of dims {list(dims)} has {length} bytes of data, expected {expected}"
+        )
+
+
+def _array_of_bytes(name: str, raw: bytes, dims: tuple[int, ...], dtype: np.dtype) -> np.ndarray:
+    _check_size(name, len(raw), dims, dtype)
     return np.frombuffer(raw, dtype).reshape(dims)
+
+
+def _read_file(elem_type: int, dims: tuple[int, ...], place: ExternalBytes) -> np.ndarray:
+    dtype = storage_dtype(elem_type)
+    count = math.prod(dims)
+    array = np.fromfile(place.path, dtype, count, offset=place.offset) if count else np.zeros(0, dtype)
+    if array.size != count:
+        raise OnnxImportError(f"the file '{place.path}' was cut off while it was read")
+    array = array.reshape(dims)
+    if elem_type == TensorProto.BFLOAT16:
+        return array.view(helper.tensor_dtype_to_np_dtype(elem_type))
+    return array
 
 
 def _read(tensor: TensorProto) -> np.ndarray:

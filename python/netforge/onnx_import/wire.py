@@ -6,10 +6,13 @@ a message are values with their length in front. See the encoding of Protocol Bu
 
 from __future__ import annotations
 
+import mmap
 from collections.abc import Iterator
 from dataclasses import dataclass
 
 from netforge.onnx_import.errors import OnnxImportError
+
+Buffer = bytes | mmap.mmap
 
 _VARINT, _FIXED64, _BYTES, _FIXED32 = 0, 1, 2, 5
 _MODEL_GRAPH, _GRAPH_INITIALIZER, _TENSOR_NAME, _TENSOR_RAW_DATA = 7, 5, 8, 9
@@ -33,14 +36,14 @@ class _Field:
     end: int
 
 
-def split_constants(data: bytes) -> tuple[bytes, dict[str, Place]]:
+def split_constants(data: Buffer) -> tuple[bytes, dict[str, Place]]:
     """The model without the raw data of its larger initializers, and the places of these by tensor name.
 
     Raises OnnxImportError when the fields don't fit into one another, as in a truncated file.
     """
     graphs = [field for field in _fields(data, 0, len(data)) if field.number == _MODEL_GRAPH]
     if len(graphs) != 1 or graphs[0].wire_type != _BYTES:
-        return data, {}
+        return bytes(data[:]), {}
     graph = graphs[0]
     places: dict[str, Place] = {}
     parts: list[bytes] = []
@@ -53,13 +56,13 @@ def split_constants(data: bytes) -> tuple[bytes, dict[str, Place]]:
             parts += [data[copied : field.begin], reduced]
             copied = field.end
     if not places:
-        return data, {}
+        return bytes(data[:]), {}
     parts.append(data[copied : graph.end])
     inner = b"".join(parts)
     return b"".join((data[: graph.begin], _message(_MODEL_GRAPH, inner), data[graph.end :])), places
 
 
-def _without_raw_data(data: bytes, tensor: _Field, places: dict[str, Place]) -> bytes | None:
+def _without_raw_data(data: Buffer, tensor: _Field, places: dict[str, Place]) -> bytes | None:
     """The tensor's field without its bytes; None when it has none, or no name to find them by."""
     name = ""
     raw: list[_Field] = []
@@ -87,7 +90,7 @@ def _varint(value: int) -> bytes:
     return bytes(result)
 
 
-def _fields(data: bytes, begin: int, end: int) -> Iterator[_Field]:
+def _fields(data: Buffer, begin: int, end: int) -> Iterator[_Field]:
     at = begin
     while at < end:
         tag, value = _read_varint(data, at, end)
@@ -107,7 +110,7 @@ def _fields(data: bytes, begin: int, end: int) -> Iterator[_Field]:
         at = after
 
 
-def _read_varint(data: bytes, at: int, end: int) -> tuple[int, int]:
+def _read_varint(data: Buffer, at: int, end: int) -> tuple[int, int]:
     value = 0
     for shift in range(0, 70, 7):
         if at >= end:
