@@ -11,6 +11,7 @@ by their fastest repetition.
 from __future__ import annotations
 
 import argparse
+import itertools
 import json
 from collections import defaultdict
 from pathlib import Path
@@ -37,7 +38,7 @@ def table(times: dict[str, dict[int, float]]) -> list[str]:
     for name, row in times.items():
         cells = "".join(f"{row[size] * 1e9:>12.1f}" if size in row else " " * 12 for size in sizes)
         known = [row[size] for size in sizes if size in row]
-        factors = ", ".join(f"x{after / before:.2f}" for before, after in zip(known, known[1:]))
+        factors = ", ".join(f"x{after / before:.2f}" for before, after in itertools.pairwise(known))
         lines.append(f"{name:26}{cells}   {factors}")
     return lines
 

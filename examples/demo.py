@@ -12,7 +12,6 @@ import sys
 from pathlib import Path
 
 import onnx
-
 from netforge.command_line import main
 
 

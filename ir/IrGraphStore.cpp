@@ -96,7 +96,7 @@ void IrGraph::addTensor(const std::string& newName,
   const std::shared_ptr<IrStaticTensor> source = sourceStaticTensor;
   requireTensor(source, kAddTensor);
   requireFreeName(newName);
-  const std::uint8_t* data = source->getData();  // a load may change the size and the type: read them after
+  const std::uint8_t* data = source->getData();  // from its file, when the bytes still lie there
   const auto copy = std::make_shared<IrStaticTensor>(
       newName, source->getDims(), source->getDataSize(), data, source->getDataType(),
       source->getSrcDataType(), source->isQuantizable(), source->getQuantInfo(), source->getAxisFormat(),

@@ -97,16 +97,22 @@ void IrStaticTensor::load() {
   if (!file) fail<std::runtime_error>(kFunction, "Failed to open the file: ", ref.path);
 
   constexpr auto kLargest = static_cast<std::uint64_t>(std::numeric_limits<std::streamoff>::max());
-  if (ref.offset > kLargest || !file.seekg(static_cast<std::streamoff>(ref.offset))) {
+  file.seekg(0, std::ios::end);
+  const std::streamoff fileSize = file.tellg();
+  if (fileSize < 0 || ref.offset > kLargest || !file.seekg(static_cast<std::streamoff>(ref.offset))) {
     fail<std::runtime_error>(kFunction, "Failed to seek to offset in the file.");
+  }
+  // Before anything is allocated: a damaged length must not ask for all memory.
+  const auto available = static_cast<std::uint64_t>(fileSize);
+  if (ref.offset > available || ref.length > available - ref.offset) {
+    fail<std::runtime_error>(kFunction, "Failed to read the file.");
   }
 
   // A range in the file that is shorter than the tensor leaves zeros, never bytes beyond the buffer.
   std::uint64_t filled = ref.length;
   std::uint64_t capacity = std::max<std::uint64_t>(filled, dataSize);
   Buffer buffer = makeBuffer(capacity);
-  if (ref.length > kLargest ||
-      !file.read(reinterpret_cast<char*>(buffer.get()), static_cast<std::streamsize>(ref.length))) {
+  if (!file.read(reinterpret_cast<char*>(buffer.get()), static_cast<std::streamsize>(ref.length))) {
     fail<std::runtime_error>(kFunction, "Failed to read the file.");
   }
   if (getDataType() == ORLO_DATATYPE_FLOAT_16) {

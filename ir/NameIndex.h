@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
+#include "ir/NameArena.h"
 #include "ir/NameTable.h"
 
 namespace netforge {
@@ -34,8 +36,15 @@ class NameIndex {
 
   /// The value of that name, or null. The pointer is valid until the next edit.
   const Value* find(const std::string& name) const {
-    const std::uint32_t slot = slotOf(name, NameTable::hashOf(name));
-    return slot == NameTable::npos ? nullptr : &entries_[slot].value;
+    std::uint32_t slot = guess_;
+    if (slot >= entries_.size() || entries_[slot].key != name || entries_[slot].value == nullptr) {
+      slot = slotOf(name, NameTable::hashOf(name));
+      if (slot == NameTable::npos) return nullptr;
+    } else {
+      fetchAhead(slot);
+    }
+    guess_ = slot + 1;
+    return &entries_[slot].value;
   }
 
   bool contains(const std::string& name) const { return find(name) != nullptr; }
@@ -73,8 +82,10 @@ class NameIndex {
     if (entry.inMap) map_.erase(entry.place);
     entry.inMap = false;
     table_.erase(hash, slot);
-    entry.key.clear();
+    names_.release(entry.key);
+    entry.key = {};
     free_.push_back(slot);
+    if (names_.isMostlyUnused()) storeNamesAnew();
     return value;
   }
 
@@ -87,7 +98,7 @@ class NameIndex {
     for (const std::uint32_t slot : pending_) {
       const Entry& entry = entries_[slot];
       if (entry.value == nullptr || entry.inMap) continue;  // removed again, or its place used twice
-      entry.place = map_.emplace(entry.key, entry.value).first;
+      entry.place = map_.emplace(std::string(entry.key), entry.value).first;
       entry.inMap = true;
     }
     pending_.clear();
@@ -96,11 +107,22 @@ class NameIndex {
 
  private:
   struct Entry {
-    std::string key;
+    std::string_view key;  // in names_
     Value value;
     mutable typename Map::iterator place{};  // of the entry's node while inMap
     mutable bool inMap = false;
   };
+
+  // On a walk in the order of adding, brings the value of a later lookup on its way: values lie all over the
+  // heap, and whoever asks for one touches at least its reference count.
+  void fetchAhead(std::uint32_t slot) const {
+#if defined(__GNUC__)
+    constexpr std::size_t kDistance = 8;
+    if (slot + kDistance < entries_.size()) __builtin_prefetch(entries_[slot + kDistance].value.get(), 1);
+#else
+    static_cast<void>(slot);
+#endif
+  }
 
   std::uint32_t slotOf(const std::string& name, std::uint32_t hash) const {
     return table_.find(hash, [&](std::uint32_t slot) { return entries_[slot].key == name; });
@@ -116,12 +138,21 @@ class NameIndex {
       free_.pop_back();
     }
     Entry& entry = entries_[slot];
-    entry.key = name;
+    entry.key = names_.store(name);
     entry.value = value;
     table_.insert(hash, slot);
+    guess_ = slot;
     if (!mapBuilt_) return;
     pending_.push_back(slot);
     if (pending_.size() > std::max<std::size_t>(1024, table_.size())) dropMap();
+  }
+
+  void storeNamesAnew() {
+    NameArena fresh;
+    for (Entry& entry : entries_) {
+      if (entry.value != nullptr) entry.key = fresh.store(entry.key);
+    }
+    names_ = std::move(fresh);
   }
 
   void buildMap() const {
@@ -134,7 +165,7 @@ class NameIndex {
               [this](std::uint32_t a, std::uint32_t b) { return entries_[a].key < entries_[b].key; });
     for (const std::uint32_t slot : order) {
       const Entry& entry = entries_[slot];
-      entry.place = map_.emplace_hint(map_.end(), entry.key, entry.value);
+      entry.place = map_.emplace_hint(map_.end(), std::string(entry.key), entry.value);
       entry.inMap = true;
     }
     mapBuilt_ = true;
@@ -147,9 +178,11 @@ class NameIndex {
     mapBuilt_ = false;
   }
 
+  NameArena names_;
   std::vector<Entry> entries_;
   std::vector<std::uint32_t> free_;
   NameTable table_;
+  mutable std::uint32_t guess_ = 0;  // where the next lookup looks first
   mutable Map map_;
   mutable bool mapBuilt_ = false;
   mutable std::vector<std::uint32_t> pending_;  // slots added since the map was looked at

@@ -12,8 +12,8 @@ namespace netforge {
 ///
 /// A cell is eight bytes: 32 bits of the name's hash and the slot. The names stay with the slots' owner, so
 /// a probe runs over one small array and touches a name only when the hashes agree, and growing the table
-/// moves cells without reading a name. Linear probing, at most half full, deletion by shifting back (no
-/// tombstones, so that a long life of renames does not slow the probes down). The order of the cells
+/// moves cells without reading a name. Linear probing, at most four fifths full, deletion by shifting back
+/// (no tombstones, so that a long life of renames does not slow the probes down). The order of the cells
 /// follows from hashes and is never shown.
 class NameTable {
  public:
@@ -39,7 +39,7 @@ class NameTable {
 
   /// Enters a slot. The caller has made sure that its name is not in the table.
   void insert(std::uint32_t hash, std::uint32_t slot) {
-    if ((count_ + 1) * 2 > cells_.size()) grow();
+    if (isFull(count_ + 1)) grow();
     place(Cell{hash, slot});
     ++count_;
   }
@@ -69,7 +69,7 @@ class NameTable {
   }
 
   void reserve(std::size_t names) {
-    while (names * 2 > cells_.size()) grow();
+    while (isFull(names)) grow();
   }
 
  private:
@@ -77,6 +77,8 @@ class NameTable {
     std::uint32_t hash = 0;
     std::uint32_t slot = npos;
   };
+
+  bool isFull(std::size_t count) const { return count * 5 > cells_.size() * 4; }
 
   std::size_t mask() const { return cells_.size() - 1; }
 

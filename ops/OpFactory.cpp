@@ -107,9 +107,13 @@ std::shared_ptr<ops::IrOp> createOp(const std::string& opType, const std::string
     if (given != params.end()) addAttribute(*attributes, rule, param, opName, given->second);
   }
   const auto package = params.find("packageName");
-  attributes->add("packageName", package == params.end() ? "orlo.base" : package->second.stringValue,
-                  ATTR_SUPPLEMENTAL);
-  return rule.make(opName, attributes);
+  if (package != params.end()) {
+    attributes->add("packageName", package->second.stringValue, ATTR_SUPPLEMENTAL);
+  }
+  const auto op = rule.make(opName, attributes);
+  // Behind the constructor, whose failure texts count the attributes.
+  ops::addDefault(op->getAttributes(), "packageName", "orlo.base", ATTR_SUPPLEMENTAL);
+  return op;
 }
 
 }  // namespace netforge::graphrefiner

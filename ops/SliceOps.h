@@ -88,8 +88,9 @@ class StridedSliceOp : public IrOp {
   void canonicalizeOp(std::uint32_t numOutputs) override;
   std::vector<std::vector<std::uint32_t>> inferOutputShapes(const std::shared_ptr<AxisOrder>& axisOrder,
                                                             std::uint32_t numOutputs) override;
-  /// An axis of "shrink_axes" vanishes, one of "new_axes_mask" has size 1. "begin_mask" and "end_mask" have
-  /// no part in the shape: "ranges" holds the true bounds. No mask may be set when the input is dynamic.
+  /// An axis of "shrink_axes" vanishes, one of "new_axes_mask" has size 1 and stands in front of an axis of
+  /// the input: bits behind the last axis add nothing. "begin_mask" and "end_mask" have no part in the shape:
+  /// "ranges" holds the true bounds. No mask may be set when the input is dynamic.
   /// Empty without an input.
   std::vector<IrTensorShape> inferOutputTensorShapes(const std::shared_ptr<AxisOrder>& axisOrder,
                                                      std::uint32_t numOutputs) override;

@@ -129,11 +129,8 @@ std::vector<IrTensorShape> StridedSliceOp::inferOutputTensorShapes(const std::sh
   Dims dims;
   std::set<std::uint32_t> dynamicAxes;
   std::uint32_t inserted = 0;
-  const auto insertNewAxes = [&](std::uint32_t axis) {
-    for (; hasBit(newAxes, axis + inserted); ++inserted) dims.push_back(1);
-  };
   for (std::uint32_t axis = 0; axis < input.rank(); ++axis) {
-    insertNewAxes(axis);
+    for (; hasBit(newAxes, axis + inserted); ++inserted) dims.push_back(1);
     if (hasBit(shrunkAxes, axis + inserted)) continue;
     const SliceRow row = readRow(*ranges, axis);
     if (!input.isDynamicDim(axis)) {
@@ -146,7 +143,6 @@ std::vector<IrTensorShape> StridedSliceOp::inferOutputTensorShapes(const std::sh
     if (staysDynamic) dynamicAxes.insert(static_cast<std::uint32_t>(dims.size()));
     dims.push_back(size);
   }
-  insertNewAxes(input.rank());  // new axes behind the last one
   return {IrTensorShape(dims, dynamicAxes)};
 }
 

@@ -9,6 +9,7 @@ cd "$(dirname "$0")/.."
 
 packages="cmake ninja-build g++ ccache rapidjson-dev libgtest-dev libbenchmark-dev"
 python_packages="tools/requirements.txt"
+model_packages="tools/requirements-models.txt"
 if [ "${1:-}" = lint ]; then
   packages="$packages clang-format clang-tidy"
 fi
@@ -34,12 +35,13 @@ fi
 
 python=$(sh tools/python.sh)
 stamp=.venv/.netforge-stamp
-wanted="$("$python" -c 'import sys; print(sys.version)' | tr '\n' ' ')$(cksum "$python_packages")"
+wanted="$("$python" -c 'import sys; print(sys.version)' | tr '\n' ' ')$(cksum "$python_packages" "$model_packages")"
 if [ ! -f "$stamp" ] || [ "$(cat "$stamp")" != "$wanted" ]; then
   echo "installing Python packages into .venv"
   rm -rf .venv
   "$python" -m venv .venv
   .venv/bin/python -m pip install --quiet --disable-pip-version-check --upgrade pip
   .venv/bin/python -m pip install --quiet --disable-pip-version-check -r "$python_packages"
+  .venv/bin/python -m pip install --quiet --disable-pip-version-check --no-deps -r "$model_packages"
   printf '%s' "$wanted" >"$stamp"
 fi

@@ -6,6 +6,7 @@
 #include "ir/Failure.h"
 #include "ir/IrOp.h"
 #include "ir/IrTensor.h"
+#include "ops/CanonicalValues.h"
 
 namespace netforge::graphrefiner {
 
@@ -138,6 +139,15 @@ void writeAxis(const std::shared_ptr<ops::IrOp>& op, std::uint32_t axis) {
   } else {
     op->getAttributes()->add("axis", axis, attrClass);
   }
+}
+
+Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose) {
+  return getPermutation(transpose->getAttributes()->getStaticTensor("perm"));
+}
+
+void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
+                           const std::vector<std::uint32_t>& values) {
+  ops::replaceUint32Values(op->getAttributes(), attribute, values);
 }
 
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op) {

@@ -21,6 +21,26 @@ Permutation getInversePermutation(const Permutation& perm) {
   return inverse;
 }
 
+Permutation composePermutations(const Permutation& first, const Permutation& second) {
+  Permutation result;
+  result.reserve(second.size());
+  for (std::size_t i = 0; i < second.size(); ++i) {
+    if (second[i] >= first.size()) {
+      fail<std::runtime_error>("composePermutations", "Invalid permutation value ", second[i], " at index ",
+                               i, " for permutation of size ", first.size());
+    }
+    result.push_back(first[second[i]]);
+  }
+  return result;
+}
+
+bool isIdentityPermutation(const Permutation& perm) {
+  for (std::uint32_t i = 0; i < perm.size(); ++i) {
+    if (perm[i] != i) return false;
+  }
+  return true;
+}
+
 std::string permToString(const Permutation& perm) {
   std::string text;
   for (const std::uint32_t entry : perm) text += std::to_string(entry);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include "GraphRefiner/src/RewriteUtilities.h"
+#include "GraphRefiner/src/Rules.h"
 #include "ir/Failure.h"
 #include "ir/IrGraph.h"
 
@@ -23,23 +24,53 @@ bool isGraphOutput(const TensorPtr& tensor) {
   }
 }
 
-bool canSquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, bool keepInput) {
-  if (!op || !input || op->numOutputs() != 1 || graph->getTensor(input->getName()) != input) return false;
-  const auto inputs = op->getInputs();
-  if (std::find(inputs.begin(), inputs.end(), input) == inputs.end()) return false;
-  const TensorPtr output = op->getOutput(0);
+bool canMergeTensors(const GraphPtr& graph, const TensorPtr& input, const TensorPtr& output, bool keepInput) {
   const auto graphOutputs = graph->getGraphOutputs();
   const auto isListed = [&](const TensorPtr& tensor) {
     return std::find(graphOutputs.begin(), graphOutputs.end(), tensor) != graphOutputs.end();
   };
-  const bool outputListed = isListed(output);
-  if (input->isStatic() && op->getType() == "Reshape" && outputListed &&
-      input->getShape() == output->getShape()) {
-    return false;
-  }
   if (!keepInput && input->getProducer() && input->getConsumers().size() == 1 && !isListed(input))
     return true;
-  return !output->getConsumers().empty() && !outputListed;
+  return !output->getConsumers().empty() && !isListed(output);
+}
+
+bool canSquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, bool keepInput) {
+  if (!op || !input || op->numOutputs() != 1 || graph->getTensor(input->getName()) != input) return false;
+  const auto inputs = op->getInputs();
+  if (std::find(inputs.begin(), inputs.end(), input) == inputs.end()) return false;
+  return canMergeTensors(graph, input, op->getOutput(0), keepInput);
+}
+
+bool feedsLstmInitialState(const OpPtr& op) {
+  const auto& readers = op->getOutput(0)->getConsumers();
+  return std::any_of(readers.begin(), readers.end(), [&](const OpPtr& reader) {
+    if (reader->getType() != "Lstm") return false;
+    const auto isFromOp = [&](std::uint32_t index) {
+      return reader->numInputs() > index && reader->getInput(index)->getProducer() == op;
+    };
+    return isFromOp(10) || isFromOp(11);
+  });
+}
+
+void removeDeadProducer(const GraphPtr& graph, const TensorPtr& tensor) {
+  const OpPtr producer = tensor->getProducer();
+  if (!producer || !graphHoldsOp(graph, producer)) return;
+  const auto outputs = producer->getOutputs();
+  const bool isRead = std::any_of(outputs.begin(), outputs.end(), [](const TensorPtr& output) {
+    return !output->getConsumers().empty() || isGraphOutput(output);
+  });
+  if (!isRead) removeDeadOp(graph, producer);
+}
+
+void dropComputedInputs(const GraphPtr& graph, const OpPtr& givenOp) {
+  const OpPtr op = givenOp;
+  const auto inputs = op->getInputs();
+  for (std::size_t i = 1; i < inputs.size(); ++i) {
+    const TensorPtr& input = inputs[i];
+    if (input == inputs[0] || !input->getProducer() || input->getConsumers().count(op) == 0) continue;
+    graph->removeOpAsConsumer(op, input);
+    removeDeadProducer(graph, input);
+  }
 }
 
 void manageSharedStaticInput(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index) {

@@ -53,6 +53,11 @@ std::vector<std::uint32_t> readAxes(const std::shared_ptr<ops::IrOp>& op, std::u
 /// Sets the attribute "axis" in the type that the op's class reads: signed for "Gather", unsigned for the
 /// others.
 void writeAxis(const std::shared_ptr<ops::IrOp>& op, std::uint32_t axis);
+/// The order of a Transpose. Throws when the attribute "perm" is missing or no list.
+Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose);
+/// Replaces a list attribute by an unsigned 32-bit one of dims [n] under the same tensor name.
+void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
+                           const std::vector<std::uint32_t>& values);
 /// The first input that is not static; null when there is none, and for a null op.
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op);
 
@@ -60,6 +65,10 @@ std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& 
 
 /// inverse[perm[i]] = i. Throws for an entry that is not below the length; repeated entries go unnoticed.
 Permutation getInversePermutation(const Permutation& perm);
+/// The one order that stands for a Transpose with `first` followed by one with `second`:
+/// result[i] = first[second[i]]. Throws for an entry of `second` that is not below the length of `first`.
+Permutation composePermutations(const Permutation& first, const Permutation& second);
+bool isIdentityPermutation(const Permutation& perm);
 /// The decimal digits of all entries without a separator: "0231".
 std::string permToString(const Permutation& perm);
 /// Prefix, first, second and suffix in this order, with one "_" between parts that are not empty.
@@ -86,6 +95,11 @@ bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
 /// Whether IrGraph::squash of this op into this input would go through as the graph stands.
 bool canSquash(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
                const std::shared_ptr<IrTensor>& input, bool keepInput);
+/// The same for an op that will stand between these two tensors after an edit still to come.
+bool canMergeTensors(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& input,
+                     const std::shared_ptr<IrTensor>& output, bool keepInput);
+/// Whether an Lstm reads the op's output as one of its initial states.
+bool feedsLstmInitialState(const std::shared_ptr<ops::IrOp>& op);
 /// What stands under the name that `injectTranspose` would give.
 enum class TransposeName {
   Free,      ///< neither a tensor nor an op bears it
@@ -116,6 +130,11 @@ std::shared_ptr<ops::IrOp> findTransposeWithPerm(const std::shared_ptr<IrTensor>
 void injectTranspose(const std::shared_ptr<IrGraph>& graph, const std::string& tensorName,
                      const Permutation& perm, const std::vector<std::string>& consumers,
                      const std::string& base, bool keepGraphOutput);
+/// Takes the inputs behind the first that other ops compute, such as a Reshape's shape tensor, off an op that
+/// is about to go, and removes the ops that this leaves dead. Constants and graph inputs stay.
+void dropComputedInputs(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
+/// Removes the op that computes a tensor when nobody reads any of its outputs any more.
+void removeDeadProducer(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor);
 /// Gives the op a copy of its own of a static input that others read too: "<op>_kernel_weight" for input 1,
 /// "<op>_kernel_bias" for every other.
 void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,

@@ -8,16 +8,20 @@ from netforge._core import *  # noqa: F403
 __version__ = "0.1.0"
 
 # Loaded when they are first used: the onnx package takes its time.
-_FROM_ONNX_IMPORT = ("ImportAccount", "OnnxImportError", "from_onnx", "import_account")
+_LAZY = {
+    **dict.fromkeys(("ImportAccount", "OnnxImportError", "from_onnx", "import_account"), "onnx_import"),
+    **dict.fromkeys(("OnnxExportError", "save_onnx", "to_onnx"), "onnx_export"),
+    **dict.fromkeys(("CheckReport", "OutputCheck", "Verdict", "check"), "checking"),
+}
 
 
 def __getattr__(name: str) -> object:
-    if name in _FROM_ONNX_IMPORT:
-        from netforge import onnx_import
+    if name in _LAZY:
+        import importlib
 
-        return getattr(onnx_import, name)
+        return getattr(importlib.import_module(f"netforge.{_LAZY[name]}"), name)
     raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
 
 
 def __dir__() -> list[str]:
-    return sorted([*globals(), *_FROM_ONNX_IMPORT])
+    return sorted([*globals(), *_LAZY])

@@ -177,7 +177,9 @@ TEST(NameIndex, FollowsAMapOverRandomEdits) {
     NameIndex<std::shared_ptr<int>> index;
     std::map<std::string, std::shared_ptr<int>> model;
     for (int edit = 0; edit < 4000; ++edit) {
-      const std::string name = "n" + std::to_string(random.below(500));
+      // Long enough for the removed names to be worth sweeping up.
+      const std::string stem = "/a/name/of/the/usual/length/n";
+      const std::string name = stem + std::to_string(random.below(500));
       const auto value = std::make_shared<int>(edit);
       switch (random.below(5)) {
         case 0:
@@ -194,7 +196,7 @@ TEST(NameIndex, FollowsAMapOverRandomEdits) {
           if (found != model.end()) model.erase(found);
         }
       }
-      const std::string probe = "n" + std::to_string(random.below(500));
+      const std::string probe = edit % 3 == 0 ? name : stem + std::to_string(random.below(500));
       const auto found = model.find(probe);
       const auto* held = index.find(probe);
       ASSERT_EQ(held == nullptr ? nullptr : *held, found == model.end() ? nullptr : found->second);
@@ -217,6 +219,15 @@ TEST(NameIndex, ReleasesRemovedAndReplacedValues) {
   index.set("2", std::make_shared<int>(9));
   EXPECT_TRUE(taken.expired());
   EXPECT_TRUE(replaced.expired());
+  EXPECT_NE(index.find("0"), nullptr);
+  EXPECT_EQ(index.find(""), nullptr) << "the place behind the one found last is free and has no name";
+}
+
+TEST(NameIndex, WalksInAndAgainstTheOrderOfAdding) {
+  NameIndex<std::shared_ptr<int>> index;
+  for (int i = 0; i < 50; ++i) index.insert("n" + std::to_string(i), std::make_shared<int>(i));
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(**index.find("n" + std::to_string(i)), i);
+  for (int i = 49; i >= 0; --i) EXPECT_EQ(**index.find("n" + std::to_string(i)), i);
 }
 
 TEST(TraceTable, FollowsAListOverRandomEdits) {

@@ -193,6 +193,12 @@ TEST_F(ExternalDataTest, AFailedReadLeavesTheTensorReadyForTheNextTry) {
   tensor.setExternalData(ref);
   EXPECT_EQ(failureOf<std::runtime_error>(getData),
             "netforge::IrStaticTensor::getData: Failed to seek to offset in the file.");
+
+  ref = range(std::uint64_t{1} << 62);  // a damaged length
+  tensor.setExternalData(ref);
+  EXPECT_EQ(failureOf<std::runtime_error>(getData),
+            "netforge::IrStaticTensor::getData: Failed to read the file.")
+      << "and not an exhausted memory";
 }
 
 TEST_F(ExternalDataTest, ARangeShorterThanTheTensorLeavesZeros) {

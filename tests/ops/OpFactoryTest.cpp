@@ -253,7 +253,7 @@ TEST(OpFactory, NeuronDefaultsDependOnTheOperation) {
   });
   expectFailure<std::runtime_error>(
       "netforge::IrAttributes::assertAttrExists: Attribute 'max_value' not present. Available attributes "
-      "count: 3",
+      "count: 2",
       [] {
         createOp("ElementWiseNeuron", "n", {{"operation", 5u}, {"min_value", 0.0f}});
       });
@@ -290,7 +290,7 @@ TEST(OpFactory, PackageNameIsAddedUnlessGiven) {
 struct MandatoryCase {
   const char* type;
   const char* className;  // the factory is "create" and this
-  const char* word;       // what the text calls the op
+  const char* word;       // what the failure calls the op
   std::vector<const char*> parameters;
 };
 

@@ -91,14 +91,13 @@ TEST(StridedSliceOp, NewAndShrunkAxes) {
     const std::uint32_t newAxes = below(4) == 0 ? below(256) : below(256) & below(256) & below(256);
     const std::uint32_t shrunkAxes = below(256) & below(256);
 
-    // The places of the masks run over new axes and axes of the input as they would be written in brackets.
+    // The places of the masks run over new axes and axes of the input as they would be written in brackets. A
+    // new axis stands in front of a row, so there is none behind the last.
     Dims expected;
     std::uint32_t axis = 0;
-    for (std::uint32_t place = 0;; ++place) {
+    for (std::uint32_t place = 0; axis < rank; ++place) {
       if (((newAxes >> place) & 1u) != 0) {
         expected.push_back(1);
-      } else if (axis == rank) {
-        break;
       } else {
         if (((shrunkAxes >> place) & 1u) == 0) expected.push_back(sizes[axis]);
         ++axis;

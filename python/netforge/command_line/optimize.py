@@ -10,6 +10,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import libPyGraphRefiner312 as refiner
+
 from netforge.command_line.account import RunAccount, print_account
 from netforge.command_line.capture import captured_output
 from netforge.command_line.models import add_model_arguments, load_model
@@ -46,7 +47,10 @@ def add_command(commands: argparse._SubParsersAction) -> None:
     )
     parser.add_argument("--dump-dir", type=Path, default=Path("."), metavar="DIR", help="where dumps go")
     parser.add_argument(
-        "--dump-op-types", type=name_list, metavar="TYPES", help="op types watched by --dump op (default: all)"
+        "--dump-op-types",
+        type=name_list,
+        metavar="TYPES",
+        help="op types watched by --dump op (default: all)",
     )
     parser.add_argument(
         "--trace", action="store_true", help="check the trace records after each stage, announce each pass"

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 
 import libPyGraphRefiner312 as refiner
+
 import netforge
 
 

@@ -1,0 +1,149 @@
+// What the passes that fold Transposes and Reshapes cost on chains of growing length, run as the manager runs
+// them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
+
+#include <benchmark/benchmark.h>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+#include "GraphRefiner/src/PassManager.h"
+#include "GraphRefiner/src/PassRegistry.h"
+#include "ir/IrGraph.h"
+#include "ops/OpFactory.h"
+
+namespace {
+
+using netforge::IrGraph;
+using netforge::TensorType;
+using netforge::TraceKind;
+using netforge::graphrefiner::createOp;
+using netforge::graphrefiner::OpParam;
+using netforge::graphrefiner::OpParams;
+using netforge::graphrefiner::PassId;
+using Dims = IrGraph::Dims;
+using GraphPtr = std::shared_ptr<IrGraph>;
+
+std::string nameOf(std::size_t i) {
+  return "/model/layers." + std::to_string(i) + "/attention/Transpose_output_0";
+}
+
+void addSource(IrGraph& graph, const std::string& name, const Dims& dims, bool constant) {
+  using netforge::AxisFormat;
+  if (!constant) {
+    graph.addTensor(std::make_shared<netforge::IrTensor>(name, dims, netforge::ORLO_DATATYPE_FLOAT_32,
+                                                         AxisFormat::ANY, TensorType::GraphInput, Dims{}));
+    return;
+  }
+  std::uint32_t count = 1;
+  for (const std::uint32_t dim : dims) count *= dim;
+  const std::vector<float> data(count, 0.5f);
+  graph.addTensor(std::make_shared<netforge::IrStaticTensor>(
+      name, dims, static_cast<std::uint32_t>(count * sizeof(float)), data.data(),
+      netforge::ORLO_DATATYPE_FLOAT_32, AxisFormat::ANY, AxisFormat::ANY, false, TensorType::Static, Dims{}));
+}
+
+struct Step {
+  std::string type;
+  OpParams params;
+};
+Step transpose(const Dims& perm) {
+  return {"Transpose", {{"perm", OpParam(perm)}}};
+}
+Step reshape(const Dims& shape) {
+  return {"Reshape", {{"shape", OpParam(shape)}}};
+}
+Step reduce(const Dims& axes) {
+  return {"Reduce", {{"axes", OpParam(axes)}, {"keep_dims", OpParam(true)}, {"reduce_type", OpParam(0u)}}};
+}
+Step relu() {
+  return {"ElementWiseNeuron", {{"operation", OpParam(4u)}}};
+}
+
+struct Chain {
+  Dims dims;
+  std::vector<Step> steps;  // repeated until the chain is long enough
+  bool constant = false;
+  bool traced = false;
+};
+
+// Source -> Relu -> steps ... -> Relu -> output, without the first Relu behind a constant.
+GraphPtr build(const Chain& chain, std::size_t size) {
+  auto graph = std::make_shared<IrGraph>("chain");
+  addSource(*graph, "x", chain.dims, chain.constant);
+  std::string last = "x";
+  const auto append = [&](const std::string& name, const Step& step) {
+    graph->addOp(createOp(step.type, name, step.params), {last}, {name}, {}, -1, false);
+    if (chain.traced) {
+      graph->addTraceSources(TraceKind::Op, name, {{name, TraceKind::Op}});
+      graph->addTraceSources(TraceKind::Tensor, name, {{name, TraceKind::Tensor}});
+    }
+    last = name;
+  };
+  if (!chain.constant) append("first", relu());
+  for (std::size_t i = 0; i < size; ++i) append(nameOf(i), chain.steps[i % chain.steps.size()]);
+  append("last", relu());
+  const auto output = graph->getTensor("last");
+  output->setTensorType(TensorType::GraphOutput);
+  graph->removeTensor("last");
+  graph->addTensor(output);
+  return graph;
+}
+
+void run(benchmark::State& state, PassId id, const Chain& chain) {
+  const auto size = static_cast<std::size_t>(state.range(0));
+  std::uint32_t left = 0;
+  for (auto _ : state) {
+    GraphPtr graph = build(chain, size);
+    netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
+    const std::clock_t start = std::clock();  // of this process alone: other load doesn't show
+    manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
+    state.SetIterationTime(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
+    left = graph->numOps();
+  }
+  state.counters["ops_left"] = left;
+  state.counters["per_op"] = benchmark::Counter(
+      static_cast<double>(size), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+void bench(const std::string& name, PassId id, const Chain& chain) {
+  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { run(state, id, chain); })
+      ->Arg(1000)
+      ->Arg(10000)
+      ->Arg(100000)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Dims image{1, 2, 3, 4};
+  const Chain inverse{image, {transpose({0, 2, 3, 1}), transpose({0, 3, 1, 2})}};
+  const Chain turning{image, {transpose({0, 2, 3, 1}), transpose({1, 0, 3, 2})}};
+  const Chain reshapes{image, {reshape({2, 12}), reshape({6, 4}), reshape({1, 2, 3, 4})}};
+  const auto with = [](Chain chain, bool constant, bool traced) {
+    chain.constant = constant;
+    chain.traced = traced;
+    return chain;
+  };
+  bench("OptimizeTransposes_inverse", PassId::OptimizeTransposes, inverse);
+  bench("OptimizeTransposes_turning", PassId::OptimizeTransposes, turning);
+  bench("OptimizeTransposes_traced", PassId::OptimizeTransposes, with(turning, false, true));
+  bench("SquashMultiplePermute_inverse", PassId::SquashMultiplePermute, inverse);
+  bench("SquashMultiplePermute_turning", PassId::SquashMultiplePermute, turning);
+  bench("SquashMultiplePermute_traced", PassId::SquashMultiplePermute, with(turning, false, true));
+  bench("SquashConstantTranspose", PassId::SquashConstantTranspose, with(turning, true, false));
+  bench("RemoveInverseTransposePair", PassId::RemoveInverseTransposePair,
+        {image, {transpose({0, 2, 3, 1}), reduce({1}), transpose({0, 3, 1, 2})}});
+  bench("FoldReshapes", PassId::FoldReshapesInstance1, reshapes);
+  bench("FoldReshapes_traced", PassId::FoldReshapesInstance1, with(reshapes, false, true));
+  bench("SquashReshape", PassId::SquashReshapeInstance1, with(reshapes, true, false));
+  bench("OptimizeTransposeReshape", PassId::OptimizeTransposeReshape,
+        {{1, 5, 1}, {transpose({1, 0, 2}), reshape({1, 5, 1})}});
+  bench("ReplaceTRTWithReshape", PassId::ReplaceTRTWithReshape,
+        {{2, 1, 6}, {transpose({1, 0, 2}), reshape({1, 12, 1}), transpose({2, 1, 0}), reshape({2, 1, 6})}});
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}
