@@ -20,7 +20,7 @@ from netforge.checking.report import CheckReport, Difference, OutputCheck, Verdi
 from netforge.checking.running import DoubleRun, Session
 
 if TYPE_CHECKING:
-    from netforge import IrGraph
+    pass
 
 Source = "str | os.PathLike[str] | onnx.ModelProto | IrGraph"
 _LARGEST_MESSAGE = (1 << 31) - (64 << 20)
@@ -118,7 +118,7 @@ class Checker:
         self.notes.append(f"the original doesn't run on the regime '{regime}', which is left out: {reason}")
 
     def check(self, after: object) -> CheckReport:
-        """Compares a model with the original. Raises ValueError when it can't be run on the original's inputs."""
+        """Compares a model with the original. Raises ValueError when its inputs or outputs are others."""
         begin = time.perf_counter()
         side = _Side.of(after, self._folder)
         pairs = self._pairs(side.session)
@@ -142,7 +142,7 @@ class Checker:
         return report
 
     def _pairs(self, session: Session) -> list[tuple[str, str]]:
-        """Outputs of the original with those of the other model: by name, or by position where names changed."""
+        """Outputs of both models in pairs: by name, or by position where names changed."""
         missing = [
             info.name
             for info in session.inputs

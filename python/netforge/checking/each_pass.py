@@ -12,9 +12,9 @@ from __future__ import annotations
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
 
+import libPyGraphRefiner312 as refiner
 import numpy as np
 
-import libPyGraphRefiner312 as refiner
 import netforge
 from netforge.checking.checker import Checker
 from netforge.checking.comparison import compare
@@ -36,9 +36,9 @@ class PassCheck:
 
 @dataclass
 class EachPassReport:
-    """`passes` holds the passes that changed the graph, in running order, up to the first that makes an output
-    different. `first_op` names the first op, in running order, whose result that pass changed; it is empty
-    when none is told by name."""
+    """`passes` holds the passes that changed the graph, in running order, up to the first behind which an
+    output is different. `first_op` names the first op, in running order, whose result that pass changed; it
+    is empty when none is told by name."""
 
     passes: list[PassCheck] = field(default_factory=list)
     first_op: str = ""
@@ -74,8 +74,9 @@ def check_each_pass(
 ) -> EachPassReport:
     """Checks the graph behind every pass that changes it.
 
-    `make_graph` imports the model anew; `optimize(graph, disabled)` runs the stages with these passes disabled
-    besides, and gives the names of those that changed the graph; `pipeline` lists the passes in running order.
+    `make_graph` imports the model anew; `optimize(graph, disabled)` runs the stages with these passes
+    disabled besides, and gives the names of those that changed the graph; `pipeline` lists the passes in
+    running order.
     """
     changing = set(optimize(make_graph(), ()))
     report = EachPassReport()
@@ -94,7 +95,7 @@ def check_each_pass(
 
 
 def first_difference(before: netforge.IrGraph, after: netforge.IrGraph, checker: Checker) -> str:
-    """Name and type of the first op of `after` whose result isn't what the tensor of that name holds in `before`.
+    """Name and type of the first op of `after` whose result isn't that of the same name in `before`.
 
     A tensor that holds the same elements in another order is one whose layout changed under its name, and
     is passed over.

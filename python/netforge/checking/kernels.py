@@ -21,8 +21,8 @@ def _windows(
 
 
 def _geometry(
-    sizes: tuple[int, ...], kernel: list[int], strides: list[int], dilations: list[int], pads: list[int] | None,
-    auto_pad: str, ceil_mode: int = 0,
+    sizes: tuple[int, ...], kernel: list[int], strides: list[int], dilations: list[int],
+    pads: list[int] | None, auto_pad: str, ceil_mode: int = 0,
 ) -> tuple[list[tuple[int, int]], list[int]]:  # fmt: skip
     """Pads (before, after) per axis, and the sizes of the result."""
     count = len(sizes)
@@ -70,7 +70,7 @@ class Conv(OpRun):
         kernel_shape=None,
         pads=None,
         strides=None,
-    ):  # noqa: N803
+    ):
         kernel = list(W.shape[2:])
         count = len(kernel)
         strides, dilations = list(strides or [1] * count), list(dilations or [1] * count)
@@ -100,7 +100,7 @@ class Conv(OpRun):
 
 class ConvTranspose(OpRun):
     def _run(
-        self, X, W, B=None, auto_pad=None, dilations=None, group=None, kernel_shape=None, output_padding=None,  # noqa: N803
+        self, X, W, B=None, auto_pad=None, dilations=None, group=None, kernel_shape=None, output_padding=None,
         output_shape=None, pads=None, strides=None,
     ):  # fmt: skip
         kernel = list(W.shape[2:])
@@ -153,8 +153,8 @@ class ConvTranspose(OpRun):
 
 class MaxPool(OpRun):
     def _run(
-        self, x, auto_pad=None, ceil_mode=None, dilations=None, kernel_shape=None, pads=None, storage_order=None,
-        strides=None,
+        self, x, auto_pad=None, ceil_mode=None, dilations=None, kernel_shape=None, pads=None,
+        storage_order=None, strides=None,
     ):  # fmt: skip
         if len(self.output) > 1:
             raise NotImplementedError("the places of the maxima")
@@ -176,8 +176,8 @@ class MaxPool(OpRun):
 
 class AveragePool(OpRun):
     def _run(
-        self, x, auto_pad=None, ceil_mode=None, count_include_pad=None, dilations=None, kernel_shape=None, pads=None,
-        strides=None,
+        self, x, auto_pad=None, ceil_mode=None, count_include_pad=None, dilations=None, kernel_shape=None,
+        pads=None, strides=None,
     ):  # fmt: skip
         count = len(kernel_shape)
         strides, dilations = list(strides or [1] * count), list(dilations or [1] * count)

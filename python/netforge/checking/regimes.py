@@ -14,8 +14,24 @@ _SMALL, _LARGE, _LARGEST_INTEGER = 1e-3, 1e2, 8
 # Operators that read an index in their second input, and where the axis that it counts stands.
 _INDEXED = ("Gather", "GatherElements", "GatherND", "ScatterND", "ScatterElements")
 _PASSING = frozenset(
-    """Cast Concat Expand Flatten Gather GatherElements Identity Pad Reshape Slice Split Squeeze Tile Transpose Unsqueeze
-    Where""".split()
+    [
+        "Cast",
+        "Concat",
+        "Expand",
+        "Flatten",
+        "Gather",
+        "GatherElements",
+        "Identity",
+        "Pad",
+        "Reshape",
+        "Slice",
+        "Split",
+        "Squeeze",
+        "Tile",
+        "Transpose",
+        "Unsqueeze",
+        "Where",
+    ]
 )
 
 
@@ -64,7 +80,7 @@ def _draw(
 
 
 def index_bounds(model: onnx.ModelProto) -> dict[str, int]:
-    """For graph inputs that end as indices: the size of the smallest axis that they count, where it is known."""
+    """For graph inputs that end as indices: the size of the smallest axis that they count, if known."""
     readers: dict[str, list[onnx.NodeProto]] = {}
     for node in model.graph.node:
         for name in node.input:

@@ -107,7 +107,7 @@ def _evaluate(evaluator: object, feeds: Feeds, deadline: float) -> dict[str, np.
             if time.monotonic() > deadline:
                 raise TimeoutError
             values = node.run(*(results[name] for name in node.input))
-            results.update(zip(node.output, values))
+            results.update(zip(node.output, values, strict=False))
             for name in node.input:
                 if name and last_read[name] == index and name not in kept:
                     results.pop(name, None)

@@ -7,6 +7,7 @@ from collections.abc import Callable, Sequence
 from pathlib import Path
 
 import libPyGraphRefiner312 as refiner
+
 import netforge
 from netforge.checking import Checker, CheckReport, EachPassReport, check_each_pass
 from netforge.checking.each_pass import optimizing

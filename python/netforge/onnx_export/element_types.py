@@ -36,7 +36,7 @@ _ELEMENT_TYPES = {
 
 
 def element_type(data_type: netforge.DataType) -> int:
-    """ONNX element type of an IR data type; raises OnnxExportError for one that no tensor is exported with."""
+    """ONNX element type of an IR data type; raises OnnxExportError for a type that has none."""
     found = _ELEMENT_TYPES.get(int(data_type))
     if found is None:
         raise OnnxExportError(f"tensors of data type {netforge.getDataTypeName(data_type)} can't be exported")
@@ -55,18 +55,20 @@ _WIDE = frozenset((INT32, INT64))
 _ARITHMETIC = _ALL_FLOATS | INTEGERS
 _KERNELS: dict[str, frozenset[int]] = {
     **dict.fromkeys(
-        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf", "ThresholdedRelu",
-         "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN", "InstanceNormalization"),
+        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf",
+         "ThresholdedRelu", "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN", "InstanceNormalization"),
         _SHORT_FLOATS,
     ),
     **dict.fromkeys(
-        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax", "Gemm",
-         "LogSoftmax", "LpNormalization", "SpaceToDepth", "LayerNormalization"),
+        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax",
+         "Gemm", "LogSoftmax", "LpNormalization", "SpaceToDepth", "LayerNormalization"),
         _ALL_FLOATS,
     ),
     **dict.fromkeys(("Abs", "Add", "Div", "Mod", "Mul", "Sub", "Sign"), _ARITHMETIC),
     **dict.fromkeys(("Greater", "GreaterOrEqual", "Less", "LessOrEqual"), _ARITHMETIC),
-    **dict.fromkeys(("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE),
+    **dict.fromkeys(
+        ("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE
+    ),
     **dict.fromkeys(("ReduceMax", "ReduceMin", "ArgMax", "ArgMin"), _ALL_FLOATS | _WIDE | {INT8, UINT8}),
     **dict.fromkeys(("Max", "Min", "MatMul"), _ALL_FLOATS | _WIDE | {UINT32, UINT64}),
     "Equal": _ARITHMETIC | {BOOL},

@@ -106,7 +106,7 @@ def _opset(graph: netforge.IrGraph, wished: int | None) -> int:
 def to_onnx(
     graph: netforge.IrGraph, *, opset: int | None = None, external_data: str | os.PathLike[str] | None = None
 ) -> onnx.ModelProto:
-    """States a graph as an ONNX model whose inputs and outputs have the names, shapes and types of the graph's.
+    """States a graph as an ONNX model with the names, shapes and types of the graph's inputs and outputs.
 
     Ops that ONNX lacks are written as the operators that define them. The graph's axis order tells where
     the channels of its data are. `opset` is the version of the default domain, 18 or newer; without it 21 is

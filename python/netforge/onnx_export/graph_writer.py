@@ -80,7 +80,7 @@ class GraphWriter:
     def read(self, tensor: netforge.IrTensor) -> str:
         """Name of the value that holds a tensor; empty for an absent one."""
         name = self.aliases.get(tensor.name, tensor.name)
-        if not name or list(tensor.dims) == [0] and tensor.tensorType == netforge.TensorType.Null:
+        if not name or (list(tensor.dims) == [0] and tensor.tensorType == netforge.TensorType.Null):
             return ""
         if name in self.values:
             return name

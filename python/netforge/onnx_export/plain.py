@@ -76,7 +76,7 @@ def stands_in(op: netforge.IrOp, version: int) -> bool:
     low, high = sorted((before.since_version, after.since_version))
     if after.deprecated or any(low < change <= high for change in _CHANGES.get(name, ())):
         return False
-    names = {key for key in op.attributes.keys() if key not in _OWN | _OWN_PLACES}
+    names = {key for key in op.attributes if key not in _OWN | _OWN_PLACES}
     if not names <= set(after.attributes):
         return False
     if any(
@@ -112,7 +112,7 @@ def write_plain(op: OpWriter) -> None:
     version = version_of(op.op) if is_plain(op.op) else op.graph.opset
     schema = _schema(name, domain, version)
     attributes = {
-        key: _attribute(op, key, schema) for key in op.op.attributes.keys() if key not in _OWN | _OWN_PLACES
+        key: _attribute(op, key, schema) for key in op.op.attributes if key not in _OWN | _OWN_PLACES
     }
     inputs = _at_places(op, list(op.inputs), "onnx_input_positions")
     for place in op.integers("onnx_scalar_inputs", []):
@@ -161,10 +161,8 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
     types = defs.OpSchema.AttrType
     if isinstance(value, netforge.IrStaticTensor):
         array = value.numpy().reshape(tuple(value.dims))
-        if (
-            kind == types.TENSOR
-            or kind is None
-            and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
+        if kind == types.TENSOR or (
+            kind is None and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
         ):
             return numpy_helper.from_array(np.ascontiguousarray(array))
         if kind == types.INT:

@@ -1,4 +1,4 @@
-"""Writers of convolutions, transposed convolutions and pooling, which ONNX computes with channels in front."""
+"""Writers of convolutions, transposed convolutions and pooling, whose channels ONNX has in front."""
 
 from __future__ import annotations
 
@@ -40,7 +40,7 @@ def _windows(op: OpWriter, kernel: list[int]) -> Windows:
     amounts = op.integers("pad_amount", [0] * 2 * count)
     windows = Windows(
         kernel, op.integers("stride", [1] * count), op.integers("dilation", [1] * count),
-        list(zip(amounts[::2], amounts[1::2])),
+        list(zip(amounts[::2], amounts[1::2], strict=False)),
     )  # fmt: skip
     if {len(values) for values in (windows.stride, windows.dilation, windows.pads)} != {count}:
         raise op.fail("stride, dilation or pads don't fit the kernel")

@@ -17,8 +17,8 @@ _UNARY = {
 }  # fmt: skip
 _RSQRT = 12
 _UNARY_NAMES = {
-    "ElementWiseAbs": 0, "ElementWiseAsin": 1, "ElementWiseAtan": 2, "ElementWiseCeil": 3, "ElementWiseCos": 4,
-    "ElementWiseExp": 5, "ElementWiseFloor": 6, "ElementWiseLog": 7, "ElementWiseNeg": 8, "ElementWiseNot": 9,
+    "ElementWiseAbs": 0, "ElementWiseAsin": 1, "ElementWiseAtan": 2, "ElementWiseCeil": 3,
+    "ElementWiseCos": 4, "ElementWiseExp": 5, "ElementWiseFloor": 6, "ElementWiseLog": 7, "ElementWiseNeg": 8, "ElementWiseNot": 9,
     "ElementWiseRound": 11, "ElementWiseRsqrt": _RSQRT, "ElementWiseSign": 13, "ElementWiseSin": 14,
     "ElementWiseSquareRoot": 15,
 }  # fmt: skip
@@ -77,7 +77,8 @@ _BINARY_NAMES = {
     "ElementWiseAdd": ADD, "ElementWiseAnd": AND, "ElementWiseDivide": DIVIDE, "ElementWiseEqual": EQUAL,
     "ElementWiseFloorDiv": FLOOR_DIVIDE, "ElementWiseFmod": FMOD, "ElementWiseGreater": 6,
     "ElementWiseGreaterEqual": 7, "ElementWiseLess": 8, "ElementWiseLessEqual": 9, "ElementWiseMaximum": 10,
-    "ElementWiseMinimum": 11, "ElementWiseMod": MOD, "ElementWiseMultiply": 13, "ElementWiseNotEqual": NOT_EQUAL,
+    "ElementWiseMinimum": 11, "ElementWiseMod": MOD, "ElementWiseMultiply": 13,
+    "ElementWiseNotEqual": NOT_EQUAL,
     "ElementWiseOr": 15, "ElementWisePower": 16, "ElementWiseSubtract": 18, "ElementWiseXor": 19,
 }  # fmt: skip
 

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import itertools
+
 from netforge.onnx_export.element_types import FLOATS
 from netforge.onnx_export.op_writer import END, OpWriter
 from netforge.onnx_export.registry import writer
@@ -25,7 +27,7 @@ def transpose(op: OpWriter) -> None:
 
 @writer("Reshape")
 def reshape(op: OpWriter) -> None:
-    """To the dims of the output. Where several of them vary, the attribute says which are copied from the input."""
+    """To the dims of the output. Where several vary, the attribute says which are copied from the input."""
     out = op.out_dims()
     if out.count(None) > 1:
         given = op.integers("shape", [])
@@ -91,7 +93,7 @@ def split(op: OpWriter) -> None:
         for position in outputs:
             op.result(op.slice(op.x, bounds[position], bounds[position + 1], axis), position)
         return
-    sizes = op.shape([after - before for before, after in zip(bounds, bounds[1:])], "sizes")
+    sizes = op.shape([after - before for before, after in itertools.pairwise(bounds)], "sizes")
     parts = op.nodes("Split", [op.x, sizes], {"axis": axis}, [op.kind(op.x)] * len(outputs))
     for position, part in enumerate(parts):
         op.result(part, position)
@@ -156,7 +158,7 @@ def strided_slice(op: OpWriter) -> None:
     value = op.x
     moving = [row for row in bounds if row[1:] != (0, END, 1) and row[1:] != (0, dims[row[0]], 1)]
     if moving:
-        axes, begins, ends, steps = (list(column) for column in zip(*moving))
+        axes, begins, ends, steps = (list(column) for column in zip(*moving, strict=False))
         values = (begins, ends, axes, steps)
         value = op.node("Slice", [value, *(op.shape(column, "bounds") for column in values)])
     if dropped:
