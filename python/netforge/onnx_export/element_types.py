@@ -56,7 +56,8 @@ _ARITHMETIC = _ALL_FLOATS | INTEGERS
 _KERNELS: dict[str, frozenset[int]] = {
     **dict.fromkeys(
         ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf",
-         "ThresholdedRelu", "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN", "InstanceNormalization"),
+         "ThresholdedRelu", "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN",
+         "InstanceNormalization"),
         _SHORT_FLOATS,
     ),
     **dict.fromkeys(
