@@ -60,7 +60,10 @@ def one_op_graph(
         kind = data_type(array.dtype)
         graph.addTensor(IrTensor(f"y{place}", array.shape, kind, tensorType=TensorType.GraphOutput))
     shapes = [list(array.shape) for array in outputs]
-    names = [[f"{letter}{place}" for place in range(len(arrays))] for letter, arrays in (("x", inputs), ("y", outputs))]
+    names = [
+        [f"{letter}{place}" for place in range(len(arrays))]
+        for letter, arrays in (("x", inputs), ("y", outputs))
+    ]
     graph.addOp(make_op(op_type, "op", values), *names, outputShapes=shapes)
     return graph
 
@@ -71,7 +74,9 @@ def run(model: onnx.ModelProto, feeds: Mapping[str, np.ndarray]) -> list[np.ndar
     options = onnxruntime.SessionOptions()
     options.graph_optimization_level = onnxruntime.GraphOptimizationLevel.ORT_DISABLE_ALL
     options.log_severity_level = 4
-    session = onnxruntime.InferenceSession(model.SerializeToString(), options, providers=["CPUExecutionProvider"])
+    session = onnxruntime.InferenceSession(
+        model.SerializeToString(), options, providers=["CPUExecutionProvider"]
+    )
     names = {info.name for info in session.get_inputs()}
     return session.run(None, {name: array for name, array in feeds.items() if name in names})
 

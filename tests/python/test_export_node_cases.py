@@ -73,7 +73,10 @@ def outcome(case: object, layout: str) -> str:
         return f"no valid model: {error}"
     for name in ("input", "output"):
         mine, given = (
-            [(info.name, info.type.tensor_type.elem_type, len(info.type.tensor_type.shape.dim)) for info in infos]
+            [
+                (info.name, info.type.tensor_type.elem_type, len(info.type.tensor_type.shape.dim))
+                for info in infos
+            ]
             for infos in (getattr(model.graph, name), getattr(case.model.graph, name))
         )
         if mine != given:
@@ -96,7 +99,8 @@ def test_published_results_come_out() -> None:
         (case, layout)
         for case in node_cases()
         for layout in ("spatial_first", "source")
-        if layout == "spatial_first" or any(node.op_type in LAYOUT_OPERATORS for node in case.model.graph.node)
+        if layout == "spatial_first"
+        or any(node.op_type in LAYOUT_OPERATORS for node in case.model.graph.node)
     ]
     with np.errstate(all="ignore"), ThreadPoolExecutor(max(os.cpu_count() or 1, 2)) as pool:
         outcomes = list(pool.map(lambda job: outcome(*job), jobs))

@@ -99,7 +99,7 @@ def _noise(before: np.ndarray, double: np.ndarray | None) -> float:
     finite = np.isfinite(a)
     if double is not None and double.shape == before.shape:
         finite &= np.isfinite(double)
-        return float(np.abs(a - double, where=finite, out=np.zeros_like(a)).max(initial=0.0))
+        return float(np.abs(a[finite] - double[finite]).max(initial=0.0))
     eps = float(np.finfo(before.dtype).eps)
     return ASSUMED_EPS * eps * float(np.abs(a[finite]).max(initial=0.0))
 

@@ -66,7 +66,8 @@ class OutputCheck:
 
 @dataclass
 class CheckReport:
-    """Verdicts by output. `str()` is a table with a row per output, and the notes below it.
+    """Verdicts by output. `str()` is a table with a row per output, which shows the figures of its
+    worst regime, and the notes below it.
 
     `precision` says what the original was compared with: "double (runtime)", "double (reference)" or
     "single". `seconds` is the time that the check took.
@@ -87,13 +88,13 @@ class CheckReport:
         return self.worst <= Verdict.ROUNDING
 
     def __str__(self) -> str:
-        head = ("output", "verdict", "max abs diff", "max rel diff", "noise", "worst regime")
+        head = ("output", "verdict", "worst regime", "max abs diff", "max rel diff", "noise")
         rows = [head]
         for output in self.outputs:
             regime = output.worst_regime
-            noise = output.regimes[regime].noise if regime else 0.0
-            figures = [f"{figure:.3g}" for figure in (output.absolute, output.relative, noise)]
-            rows.append((output.name, str(output.verdict), *figures, regime))
+            found = output.regimes.get(regime, Difference(Verdict.SAME_BITS))
+            figures = [f"{figure:.3g}" for figure in (found.absolute, found.relative, found.noise)]
+            rows.append((output.name, str(output.verdict), regime, *figures))
         widths = [max(len(row[column]) for row in rows) for column in range(len(head))]
         lines = [
             "  ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)).rstrip()

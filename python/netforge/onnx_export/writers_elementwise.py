@@ -19,8 +19,8 @@ _RSQRT = 12
 _UNARY_NAMES = {
     "ElementWiseAbs": 0, "ElementWiseAsin": 1, "ElementWiseAtan": 2, "ElementWiseCeil": 3,
     "ElementWiseCos": 4, "ElementWiseExp": 5, "ElementWiseFloor": 6, "ElementWiseLog": 7,
-    "ElementWiseNeg": 8, "ElementWiseNot": 9, "ElementWiseRound": 11, "ElementWiseRsqrt": _RSQRT, "ElementWiseSign": 13, "ElementWiseSin": 14,
-    "ElementWiseSquareRoot": 15,
+    "ElementWiseNeg": 8, "ElementWiseNot": 9, "ElementWiseRound": 11, "ElementWiseRsqrt": _RSQRT,
+    "ElementWiseSign": 13, "ElementWiseSin": 14, "ElementWiseSquareRoot": 15,
 }  # fmt: skip
 # On whole numbers these change nothing.
 _ROUNDING = frozenset((3, 6, 11))
