@@ -109,7 +109,7 @@ def layer_norm(
 
 
 def hadamard(size: int) -> np.ndarray:
-    """Sylvester's matrix by its definition through bits: (-1) to the number of common ones of row and column."""
+    """Sylvester's matrix through bits: (-1) to the number of common ones of row and column."""
     return np.array([[(-1.0) ** bin(i & j).count("1") for j in range(size)] for i in range(size)])
 
 

@@ -8,6 +8,7 @@ from collections.abc import Sequence
 from pathlib import Path
 
 import netforge
+import netforge.command_line
 import numpy as np
 import onnx
 import pytest
@@ -59,6 +60,22 @@ def test_each_pass_is_checked(tmp_path: Path) -> None:
     assert "  no pass makes an output different" in done.stdout.splitlines()
     quiet = command(path, "--check", "--quiet", cwd=tmp_path)
     assert (quiet.returncode, quiet.stdout) == (0, "")
+
+
+def test_a_different_output_ends_with_status_two(tmp_path: Path, monkeypatch, capsys) -> None:
+    """As from a pass that is wrong: the command's check is handed a graph with another factor."""
+    path = tmp_path / "steps.onnx"
+    netforge.save_onnx(make_graph(), path)
+
+    def check_run(*_: object) -> netforge.CheckReport:
+        graph = make_graph()
+        set_constant("factor", 3.0)(graph)
+        return netforge.check(path, graph, regimes=["ones"])
+
+    monkeypatch.setattr("netforge.command_line.optimize.check_run", check_run)
+    assert netforge.command_line.main(["optimize", str(path), "--check", "--quiet"]) == 2
+    assert "worst: different" in capsys.readouterr().out
+    assert netforge.command_line.main(["optimize", str(path), "--quiet"]) == 0
 
 
 # --- the pass at fault: passes that are functions of the test's own -----------------------------------

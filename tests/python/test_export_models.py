@@ -141,7 +141,7 @@ def test_operators_of_older_versions_keep_their_sense(model: onnx.ModelProto, wr
     np.testing.assert_array_equal(*(run(form, {"x": SQUARE + 1})[0] for form in (exported, model)))
 
 
-def test_constants_lie_outside_on_request(tmp_path: Path) -> None:
+def test_constants_lie_outside_on_request_and_beyond_the_limit(tmp_path: Path, monkeypatch) -> None:
     graph = netforge.from_onnx(LIGHT / "light_squeezenet.onnx", "source", random_weights=1)
     inside, beside = netforge.to_onnx(graph), tmp_path / "weights.bin"
     outside = netforge.to_onnx(graph, external_data=beside)
@@ -157,6 +157,11 @@ def test_constants_lie_outside_on_request(tmp_path: Path) -> None:
         ]
     with pytest.raises(netforge.OnnxExportError, match="no file name"):
         netforge.save_onnx(graph, tmp_path / "elsewhere.onnx", external_data="../weights.bin")
+    monkeypatch.setattr("netforge.onnx_export.exporter.LARGEST_INSIDE", 4_000_000)
+    netforge.save_onnx(graph, tmp_path / "large.onnx")
+    assert (tmp_path / "large.onnx.data").stat().st_size > 4_000_000
+    with pytest.raises(netforge.OnnxExportError, match="name a file for external data"):
+        netforge.to_onnx(graph)
 
 
 def test_a_constant_output_comes_out() -> None:

@@ -34,6 +34,7 @@ class RunAccount:
     dump_dir: Path | None = None
     dump_files: list[str] = field(default_factory=list)
     import_account: object | None = None
+    peak_memory: float = 0.0  # MiB, without what a check takes
     output: Path | None = None
     seconds_export: float = 0.0
     check: CheckReport | EachPassReport | None = None
@@ -94,7 +95,7 @@ def print_account(account: RunAccount) -> None:
         print(f"{label:<12} {old:,}" + ("" if old == new else f" -> {new:,}"))
     print(f"Passes       {passes_text(account.changed_passes)}")
     print(f"Seconds      import {account.seconds_import:.2f}, optimize {account.seconds_optimize:.2f}")
-    print(f"Peak memory  {peak_memory_mib():.0f} MiB")
+    print(f"Peak memory  {account.peak_memory:.0f} MiB")
     if account.output is not None:
         size = sum(path.stat().st_size for path in files_of(account.output))
         print(f"Written      {account.output} ({size / (1 << 20):.1f} MiB, {account.seconds_export:.2f} s)")

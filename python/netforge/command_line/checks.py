@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import time
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
@@ -22,9 +23,12 @@ def check_run(
     backend: netforge.BackendInfo | None,
 ) -> CheckReport | EachPassReport:
     """Compares the optimized graph with the model, or the graph behind each pass."""
+    begin = time.perf_counter()
     with _original(options) as checker:
         if options.check == "whole":
-            return checker.check(graph)
+            report = checker.check(graph)
+            report.seconds = time.perf_counter() - begin
+            return report
         config = {"enabledPasses": options.enable_pass, "disabledPasses": options.disable_pass}
         names = refiner.GraphRefiner(
             netforge.IrGraph("pipeline"), list(stages), backend, refiner.GraphRefinerContext()

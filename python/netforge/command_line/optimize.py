@@ -12,7 +12,7 @@ from pathlib import Path
 import libPyGraphRefiner312 as refiner
 
 import netforge
-from netforge.command_line.account import RunAccount, print_account
+from netforge.command_line.account import RunAccount, peak_memory_mib, print_account
 from netforge.command_line.capture import captured_output
 from netforge.command_line.checks import check_run
 from netforge.command_line.models import add_model_arguments, load_model
@@ -137,6 +137,7 @@ def run(options: argparse.Namespace) -> int:
         begin = time.perf_counter()
         netforge.save_onnx(graph, options.output)
         account.output, account.seconds_export = options.output, time.perf_counter() - begin
+    account.peak_memory = peak_memory_mib()
     if options.check:
         account.check = check_run(options, graph, stages, backend)
     if not options.quiet:

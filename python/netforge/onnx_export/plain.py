@@ -17,6 +17,9 @@ from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writers
 
 OLDEST_OPSET, DEFAULT_OPSET = 18, 21
+_TWO_BITS = frozenset(
+    int(kind) for kind in (netforge.DataType.ORLO_DATATYPE_INT_2, netforge.DataType.ORLO_DATATYPE_UINT_2)
+)
 _OLDEST_OF_TWO_BITS = 25  # the first version that knows 2-bit integers
 _OWN = frozenset(("packageName", "onnx_opset", "onnx_domain"))
 _OWN_PLACES = frozenset(("onnx_input_positions", "onnx_output_positions", "onnx_scalar_inputs"))
@@ -52,7 +55,7 @@ def choose_opset(ops: Iterable[netforge.IrOp]) -> int:
     ops = list(ops)
     plain = [op for op in ops if is_plain(op) and not operator_of(op)[0]]
     newest = defs.onnx_opset_version()
-    two_bits = any("INT_2" in tensor.dataType.name for op in ops for tensor in (*op.inputs, *op.outputs))
+    two_bits = any(int(tensor.dataType) in _TWO_BITS for op in ops for tensor in op.outputs)
     oldest = _OLDEST_OF_TWO_BITS if two_bits else OLDEST_OPSET
     first = max(oldest, DEFAULT_OPSET)
     candidates = [first, *(version for version in range(oldest, newest + 1) if version != first)]
