@@ -117,7 +117,7 @@ def to_onnx(
 
     Raises OnnxExportError, a ValueError, for an op or a type that ONNX can't state, and for constants of
     more than 2 GB without `external_data`.
-    """  # noqa: E501
+    """
     writer = _write_graph(graph, _opset(graph, opset))
     constants = list(writer.initializers.values())
     if external_data is not None:
