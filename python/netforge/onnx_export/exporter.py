@@ -97,7 +97,7 @@ def _model(
 def _opset(graph: netforge.IrGraph, wished: int | None) -> int:
     newest = onnx.defs.onnx_opset_version()
     if wished is None:
-        return choose_opset(graph.ops)
+        return choose_opset(graph)
     if not OLDEST_OPSET <= wished <= newest:
         raise OnnxExportError(f"opset {wished} can't be written; the versions are {OLDEST_OPSET} to {newest}")
     return wished
@@ -133,7 +133,7 @@ def to_onnx(
 def to_onnx_with(graph: netforge.IrGraph, shown: Iterable[str]) -> onnx.ModelProto:
     """The model with computed tensors of these names as further outputs, for looking into it."""
     names = list(dict.fromkeys(shown))
-    writer = _write_graph(graph, choose_opset(graph.ops), names)
+    writer = _write_graph(graph, choose_opset(graph), names)
     model = _model(graph, writer, [inside(found) for found in writer.initializers.values()])
     there = {info.name for info in model.graph.output}
     model.graph.output.extend(

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Iterable
 
 import numpy as np
 import onnx
@@ -50,12 +49,11 @@ def version_of(op: netforge.IrOp) -> int:
     return int(op.attributes.getAttr("onnx_opset"))
 
 
-def choose_opset(ops: Iterable[netforge.IrOp]) -> int:
+def choose_opset(graph: netforge.IrGraph) -> int:
     """The version in which most plain ops of the default domain can stand as they are."""
-    ops = list(ops)
-    plain = [op for op in ops if is_plain(op) and not operator_of(op)[0]]
+    plain = [op for op in graph.ops if is_plain(op) and not operator_of(op)[0]]
     newest = defs.onnx_opset_version()
-    two_bits = any(int(tensor.dataType) in _TWO_BITS for op in ops for tensor in op.outputs)
+    two_bits = any(int(tensor.dataType) in _TWO_BITS for tensor in graph.tensors.values())
     oldest = _OLDEST_OF_TWO_BITS if two_bits else OLDEST_OPSET
     first = max(oldest, DEFAULT_OPSET)
     candidates = [first, *(version for version in range(oldest, newest + 1) if version != first)]
