@@ -85,7 +85,6 @@ void bindFields(Classes& classes) {
       .def_property_readonly("graphInputs", &IrGraph::getGraphInputs)
       .def_property_readonly("graphOutputs", &IrGraph::getGraphOutputs)
       .def_property_readonly("axisOrder", [](const IrGraph& self) { return self.getAxisOrder(); })
-      .def("__len__", &IrGraph::numOps)
       .def("__repr__", &graphSummary)
       .def("__str__", &graphText);
 }

@@ -11,7 +11,7 @@ __version__ = "0.1.0"
 _LAZY = {
     **dict.fromkeys(("ImportAccount", "OnnxImportError", "from_onnx", "import_account"), "onnx_import"),
     **dict.fromkeys(("OnnxExportError", "save_onnx", "to_onnx"), "onnx_export"),
-    **dict.fromkeys(("CheckReport", "OutputCheck", "Verdict", "check"), "checking"),
+    **dict.fromkeys(("CheckReport", "Checker", "Verdict", "check", "check_each_pass"), "checking"),
 }
 
 

@@ -7,9 +7,13 @@ import sys
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import netforge
 from netforge.command_line.capture import captured_output
+
+if TYPE_CHECKING:
+    from netforge.checking import CheckReport, EachPassReport
 
 _EXECUTED = "PASS TRACE INFO: "
 _SHOWN_PASSES = 12
@@ -30,6 +34,15 @@ class RunAccount:
     dump_dir: Path | None = None
     dump_files: list[str] = field(default_factory=list)
     import_account: object | None = None
+    peak_memory: float = 0.0  # MiB, without what a check takes
+    output: Path | None = None
+    seconds_export: float = 0.0
+    check: CheckReport | EachPassReport | None = None
+
+    @property
+    def is_different(self) -> bool:
+        """Whether a check found that an output isn't what the model computes."""
+        return self.check is not None and self.check.worst.name == "DIFFERENT"
 
     @classmethod
     def before(cls, graph: netforge.IrGraph, model: Path) -> RunAccount:
@@ -43,6 +56,11 @@ class RunAccount:
         for line in printed:
             if line.startswith(_EXECUTED):
                 self.changed_passes = [name for name in line[len(_EXECUTED) :].split(", ") if name]
+
+
+def files_of(model: Path) -> list[Path]:
+    """The file of a written model, and that of its constants where they lie outside."""
+    return [path for path in (model, model.with_name(f"{model.name}.data")) if path.exists()]
 
 
 def op_types(graph: netforge.IrGraph) -> Counter[str]:
@@ -77,7 +95,14 @@ def print_account(account: RunAccount) -> None:
         print(f"{label:<12} {old:,}" + ("" if old == new else f" -> {new:,}"))
     print(f"Passes       {passes_text(account.changed_passes)}")
     print(f"Seconds      import {account.seconds_import:.2f}, optimize {account.seconds_optimize:.2f}")
-    print(f"Peak memory  {peak_memory_mib():.0f} MiB")
+    print(f"Peak memory  {account.peak_memory:.0f} MiB")
+    if account.output is not None:
+        size = sum(path.stat().st_size for path in files_of(account.output))
+        print(f"Written      {account.output} ({size / (1 << 20):.1f} MiB, {account.seconds_export:.2f} s)")
+    if account.check is not None:
+        print("Check")
+        for line in str(account.check).splitlines():
+            print(f"  {line}")
     if account.dump_dir is not None:
         print(f"Dump files   {len(account.dump_files)} in {account.dump_dir}")
         for name in account.dump_files:

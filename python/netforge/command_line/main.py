@@ -22,7 +22,8 @@ def build_parser() -> argparse.ArgumentParser:
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs one command. Gives 0, 1 after an error told in one line, or 130 when interrupted."""
+    """Runs one command. Gives 0, 1 after an error told in one line, 2 after a check that found an output
+    different, or 130 when interrupted."""
     options = build_parser().parse_args(arguments)
     command: Callable[[argparse.Namespace], int] = options.run
     try:

@@ -11,8 +11,10 @@ from pathlib import Path
 
 import libPyGraphRefiner312 as refiner
 
-from netforge.command_line.account import RunAccount, print_account
+import netforge
+from netforge.command_line.account import RunAccount, peak_memory_mib, print_account
 from netforge.command_line.capture import captured_output
+from netforge.command_line.checks import check_run
 from netforge.command_line.models import add_model_arguments, load_model
 from netforge.command_line.passes import backend_of
 
@@ -54,6 +56,18 @@ def add_command(commands: argparse._SubParsersAction) -> None:
     )
     parser.add_argument(
         "--trace", action="store_true", help="check the trace records after each stage, announce each pass"
+    )
+    parser.add_argument(
+        "--output", type=Path, metavar="FILE.onnx", help="write the optimized graph as ONNX model"
+    )
+    parser.add_argument(
+        "--check",
+        nargs="?",
+        const="whole",
+        choices=("whole", "each-pass"),
+        metavar="each-pass",
+        help="run the model and the optimized graph on several inputs and compare; with each-pass the graph"
+        " behind every pass. The exit status is 2 when an output is different",
     )
     parser.set_defaults(run=run)
 
@@ -117,11 +131,20 @@ def run(options: argparse.Namespace) -> int:
     if options.dump:
         account.dump_dir = dump_dir
         account.dump_files = changed_files(dump_dir, files_before)
+    if not options.quiet and options.trace:
+        print(printed.text, end="")
+    if options.output is not None:
+        begin = time.perf_counter()
+        netforge.save_onnx(graph, options.output)
+        account.output, account.seconds_export = options.output, time.perf_counter() - begin
+    account.peak_memory = peak_memory_mib()
+    if options.check:
+        account.check = check_run(options, graph, stages, backend)
     if not options.quiet:
-        if options.trace:
-            print(printed.text, end="")
         print_account(account)
-    return 0
+    elif account.is_different:
+        print(account.check)
+    return 2 if account.is_different else 0
 
 
 def file_times(folder: Path) -> dict[str, int]:

@@ -25,14 +25,18 @@ _BY_NAME = {
     "UINT_8": UINT8, "UINT_16": UINT16, "UINT_32": UINT32, "UINT_64": UINT64, "BOOL_8": BOOL,
     "SFIXED_POINT_8": INT8, "SFIXED_POINT_16": INT16, "SFIXED_POINT_32": INT32,
     "UFIXED_POINT_8": UINT8, "UFIXED_POINT_16": UINT16, "UFIXED_POINT_32": UINT32,
+    "INT_4": TensorProto.INT4, "UINT_4": TensorProto.UINT4,
 }  # fmt: skip
+_BY_NAME.update(
+    (f"{name[:-1]}_2", getattr(TensorProto, name)) for name in ("INT2", "UINT2") if hasattr(TensorProto, name)
+)
 _ELEMENT_TYPES = {
     int(getattr(netforge.DataType, f"ORLO_DATATYPE_{name}")): kind for name, kind in _BY_NAME.items()
 }
 
 
 def element_type(data_type: netforge.DataType) -> int:
-    """ONNX element type of an IR data type; raises OnnxExportError for one that no tensor is exported with."""  # noqa: E501
+    """ONNX element type of an IR data type; raises OnnxExportError for a type that has none."""
     found = _ELEMENT_TYPES.get(int(data_type))
     if found is None:
         raise OnnxExportError(f"tensors of data type {netforge.getDataTypeName(data_type)} can't be exported")
@@ -51,18 +55,21 @@ _WIDE = frozenset((INT32, INT64))
 _ARITHMETIC = _ALL_FLOATS | INTEGERS
 _KERNELS: dict[str, frozenset[int]] = {
     **dict.fromkeys(
-        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf", "ThresholdedRelu",  # noqa: E501
-         "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN", "InstanceNormalization"),
+        ("Asin", "Atan", "Cos", "Elu", "Gelu", "HardSigmoid", "HardSwish", "Softplus", "Erf",
+         "ThresholdedRelu", "Mean", "PRelu", "Conv", "ConvTranspose", "AveragePool", "LpPool", "LRN",
+         "InstanceNormalization"),
         _SHORT_FLOATS,
     ),
     **dict.fromkeys(
-        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax", "Gemm",  # noqa: E501
-         "LogSoftmax", "LpNormalization", "SpaceToDepth", "LayerNormalization"),
+        ("Ceil", "Exp", "Floor", "Log", "Round", "Reciprocal", "Sin", "Sqrt", "Sigmoid", "Tanh", "Softmax",
+         "Gemm", "LogSoftmax", "LpNormalization", "SpaceToDepth", "LayerNormalization"),
         _ALL_FLOATS,
     ),
     **dict.fromkeys(("Abs", "Add", "Div", "Mod", "Mul", "Sub", "Sign"), _ARITHMETIC),
     **dict.fromkeys(("Greater", "GreaterOrEqual", "Less", "LessOrEqual"), _ARITHMETIC),
-    **dict.fromkeys(("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE),  # noqa: E501
+    **dict.fromkeys(
+        ("ReduceSum", "ReduceMean", "ReduceProd", "ReduceL2", "CumSum", "TopK"), _ALL_FLOATS | _WIDE
+    ),
     **dict.fromkeys(("ReduceMax", "ReduceMin", "ArgMax", "ArgMin"), _ALL_FLOATS | _WIDE | {INT8, UINT8}),
     **dict.fromkeys(("Max", "Min", "MatMul"), _ALL_FLOATS | _WIDE | {UINT32, UINT64}),
     "Equal": _ARITHMETIC | {BOOL},
@@ -92,4 +99,4 @@ def computing_type(op_type: str, kind: int) -> int:
     kernels = _KERNELS.get(op_type)
     if kernels is None or kind in kernels:
         return kind
-    return next((larger for larger in _LARGER[kind] if larger in kernels), kind)
+    return next((larger for larger in _LARGER.get(kind, ()) if larger in kernels), kind)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+from collections.abc import Iterable
 from pathlib import Path
 
 import onnx
@@ -31,8 +32,9 @@ from netforge.onnx_export.storage import LARGEST_INSIDE, inside, outside, total_
 _IR_VERSIONS = ((21, 10), (23, 11), (24, 12))
 
 
-def _write_graph(graph: netforge.IrGraph, opset: int) -> GraphWriter:
+def _write_graph(graph: netforge.IrGraph, opset: int, shown: Iterable[str] = ()) -> GraphWriter:
     writer = GraphWriter(graph, opset)
+    writer.shown.update(shown)
     for op in graph.ops:
         op_writer = OpWriter(writer, op)
         function = None if is_plain(op) else writers.get(op.type)
@@ -95,7 +97,7 @@ def _model(
 def _opset(graph: netforge.IrGraph, wished: int | None) -> int:
     newest = onnx.defs.onnx_opset_version()
     if wished is None:
-        return choose_opset(graph.ops)
+        return choose_opset(graph)
     if not OLDEST_OPSET <= wished <= newest:
         raise OnnxExportError(f"opset {wished} can't be written; the versions are {OLDEST_OPSET} to {newest}")
     return wished
@@ -104,7 +106,7 @@ def _opset(graph: netforge.IrGraph, wished: int | None) -> int:
 def to_onnx(
     graph: netforge.IrGraph, *, opset: int | None = None, external_data: str | os.PathLike[str] | None = None
 ) -> onnx.ModelProto:
-    """States a graph as an ONNX model whose inputs and outputs have the names, shapes and types of the graph's.
+    """States a graph as an ONNX model with the names, shapes and types of the graph's inputs and outputs.
 
     Ops that ONNX lacks are written as the operators that define them. The graph's axis order tells where
     the channels of its data are. `opset` is the version of the default domain, 18 or newer; without it 21 is
@@ -115,7 +117,7 @@ def to_onnx(
 
     Raises OnnxExportError, a ValueError, for an op or a type that ONNX can't state, and for constants of
     more than 2 GB without `external_data`.
-    """  # noqa: E501
+    """
     writer = _write_graph(graph, _opset(graph, opset))
     constants = list(writer.initializers.values())
     if external_data is not None:
@@ -126,6 +128,21 @@ def to_onnx(
             f"{total} bytes of constants are more than one model can hold: name a file for external data"
         )
     return _model(graph, writer, [inside(found) for found in constants])
+
+
+def to_onnx_with(graph: netforge.IrGraph, shown: Iterable[str]) -> onnx.ModelProto:
+    """The model with computed tensors of these names as further outputs, for looking into it."""
+    names = list(dict.fromkeys(shown))
+    writer = _write_graph(graph, choose_opset(graph), names)
+    model = _model(graph, writer, [inside(found) for found in writer.initializers.values()])
+    there = {info.name for info in model.graph.output}
+    model.graph.output.extend(
+        _value_info(graph.getTensor(name), False) for name in names if name not in there
+    )
+    kept = [info for info in model.graph.value_info if info.name not in set(names)]
+    del model.graph.value_info[:]
+    model.graph.value_info.extend(kept)
+    return model
 
 
 def save_onnx(

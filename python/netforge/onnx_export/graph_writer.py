@@ -51,7 +51,9 @@ class GraphWriter:
         self.initializers: dict[str, Initializer] = {}
         self.values: dict[str, Value] = {}
         self.channel_last = isinstance(graph.axisOrder, netforge.SpatialFirstAxisOrder)
+        # Values with their channels last -> the same with the channels behind the batch.
         self.channel_first_forms: dict[str, str] = {}
+        self.aliases: dict[str, str] = {}  # tensors that another value stands for
         self._tensors: dict[str, netforge.IrTensor] = dict(graph.tensors)
         self._names = set(self._tensors)
         self._node_names: set[str] = set()
@@ -77,8 +79,8 @@ class GraphWriter:
 
     def read(self, tensor: netforge.IrTensor) -> str:
         """Name of the value that holds a tensor; empty for an absent one."""
-        name = tensor.name
-        if not name or list(tensor.dims) == [0] and tensor.tensorType == netforge.TensorType.Null:  # noqa: RUF021
+        name = self.aliases.get(tensor.name, tensor.name)
+        if not name or (list(tensor.dims) == [0] and tensor.tensorType == netforge.TensorType.Null):
             return ""
         if name in self.values:
             return name
@@ -123,12 +125,12 @@ class GraphWriter:
             return None
         form = (value, *key)
         if form not in self._forms:
-            kind = self.values[value].kind
+            kind, dims = self.values[value].kind, tuple(dims)
             name = self._forms[form] = self.unique(f"{value}_{'_'.join(str(part) for part in key)}")
             self.initializers[name] = Initializer(
-                name, kind, tuple(dims), lambda: np.ascontiguousarray(change(static_array(tensor)))
+                name, kind, dims, lambda: np.ascontiguousarray(change(static_array(tensor))).reshape(dims)
             )
-            self.values[name] = Value(kind, tuple(dims))
+            self.values[name] = Value(kind, dims)
         return self._forms[form]
 
     def add(

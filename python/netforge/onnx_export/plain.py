@@ -3,19 +3,23 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Iterable
 
 import numpy as np
 import onnx
 from onnx import defs, helper, numpy_helper
 
 import netforge
+from netforge.onnx_export.element_types import element_type
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import GraphWriter
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writers
 
 OLDEST_OPSET, DEFAULT_OPSET = 18, 21
+_TWO_BITS = frozenset(
+    int(kind) for kind in (netforge.DataType.ORLO_DATATYPE_INT_2, netforge.DataType.ORLO_DATATYPE_UINT_2)
+)
+_OLDEST_OF_TWO_BITS = 25  # the first version that knows 2-bit integers
 _OWN = frozenset(("packageName", "onnx_opset", "onnx_domain"))
 _OWN_PLACES = frozenset(("onnx_input_positions", "onnx_output_positions", "onnx_scalar_inputs"))
 # Versions at which an operator means something else in the same words.
@@ -45,11 +49,14 @@ def version_of(op: netforge.IrOp) -> int:
     return int(op.attributes.getAttr("onnx_opset"))
 
 
-def choose_opset(ops: Iterable[netforge.IrOp]) -> int:
+def choose_opset(graph: netforge.IrGraph) -> int:
     """The version in which most plain ops of the default domain can stand as they are."""
-    plain = [op for op in ops if is_plain(op) and not operator_of(op)[0]]
+    plain = [op for op in graph.ops if is_plain(op) and not operator_of(op)[0]]
     newest = defs.onnx_opset_version()
-    candidates = [DEFAULT_OPSET, *(v for v in range(OLDEST_OPSET, newest + 1) if v != DEFAULT_OPSET)]
+    two_bits = any(int(tensor.dataType) in _TWO_BITS for tensor in graph.tensors.values())
+    oldest = _OLDEST_OF_TWO_BITS if two_bits else OLDEST_OPSET
+    first = max(oldest, DEFAULT_OPSET)
+    candidates = [first, *(version for version in range(oldest, newest + 1) if version != first)]
 
     def unfit(version: int) -> int:
         return sum(not stands_in(op, version) for op in plain)
@@ -70,16 +77,33 @@ def stands_in(op: netforge.IrOp, version: int) -> bool:
     low, high = sorted((before.since_version, after.since_version))
     if after.deprecated or any(low < change <= high for change in _CHANGES.get(name, ())):
         return False
-    names = {key for key in op.attributes.keys() if key not in _OWN | _OWN_PLACES}  # noqa: SIM118
+    names = {key for key in op.attributes if key not in _OWN | _OWN_PLACES}
     if not names <= set(after.attributes):
         return False
     if any(
         after.attributes[key].type != before.attributes[key].type for key in names & set(before.attributes)
     ):
         return False
-    count = len(op.inputs)
     required = [key for key, attribute in after.attributes.items() if attribute.required]
-    return after.min_input <= count <= after.max_input and set(required) <= names
+    return set(required) <= names and _takes(after, op)
+
+
+def _takes(schema: defs.OpSchema, op: netforge.IrOp) -> bool:
+    """Whether the operator takes as many inputs, of these types."""
+    places = list(range(len(op.inputs)))
+    if op.attributes.hasAttr("onnx_input_positions"):
+        places = op.attributes.getStaticTensor("onnx_input_positions").numpy().reshape(-1).tolist()
+    if not schema.min_input <= max(places) + 1 <= schema.max_input:
+        return False
+    constraints = {
+        constraint.type_param_str: constraint.allowed_type_strs for constraint in schema.type_constraints
+    }
+    for place, tensor in zip(places, op.inputs, strict=True):
+        formal = schema.inputs[min(place, len(schema.inputs) - 1)].type_str
+        name = onnx.TensorProto.DataType.Name(element_type(tensor.dataType)).lower()
+        if f"tensor({name})" not in constraints.get(formal, (formal,)):
+            return False
+    return True
 
 
 def write_plain(op: OpWriter) -> None:
@@ -89,9 +113,7 @@ def write_plain(op: OpWriter) -> None:
     version = version_of(op.op) if is_plain(op.op) else op.graph.opset
     schema = _schema(name, domain, version)
     attributes = {
-        key: _attribute(op, key, schema)
-        for key in op.op.attributes.keys()  # noqa: SIM118
-        if key not in _OWN | _OWN_PLACES  # noqa: RUF100, SIM118
+        key: _attribute(op, key, schema) for key in op.op.attributes if key not in _OWN | _OWN_PLACES
     }
     inputs = _at_places(op, list(op.inputs), "onnx_input_positions")
     for place in op.integers("onnx_scalar_inputs", []):
@@ -105,8 +127,9 @@ def write_plain(op: OpWriter) -> None:
         return
     elif schema is not None:
         # A default of the op's own version stays what it was.
+        target = defs.get_schema(name, op.graph.opset).attributes
         for key, attribute in schema.attributes.items():
-            if key not in attributes and attribute.default_value.type:
+            if key not in attributes and attribute.default_value.type and key in target:
                 attributes[key] = helper.get_attribute_value(attribute.default_value)
     _enter_outputs(op)
     op.graph.add(name, inputs, outputs, op.op.name, attributes, domain)
@@ -139,10 +162,8 @@ def _attribute(op: OpWriter, name: str, schema: defs.OpSchema | None) -> object:
     types = defs.OpSchema.AttrType
     if isinstance(value, netforge.IrStaticTensor):
         array = value.numpy().reshape(tuple(value.dims))
-        if (
-            kind == types.TENSOR
-            or kind is None  # noqa: RUF021
-            and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
+        if kind == types.TENSOR or (
+            kind is None and (array.ndim != 1 or array.dtype not in (np.int64, np.float32))
         ):
             return numpy_helper.from_array(np.ascontiguousarray(array))
         if kind == types.INT:

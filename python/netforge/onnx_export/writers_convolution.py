@@ -1,4 +1,4 @@
-"""Writers of convolutions, transposed convolutions and pooling, which ONNX computes with channels in front."""  # noqa: E501
+"""Writers of convolutions, transposed convolutions and pooling, whose channels ONNX has in front."""
 
 from __future__ import annotations
 
@@ -40,7 +40,7 @@ def _windows(op: OpWriter, kernel: list[int]) -> Windows:
     amounts = op.integers("pad_amount", [0] * 2 * count)
     windows = Windows(
         kernel, op.integers("stride", [1] * count), op.integers("dilation", [1] * count),
-        list(zip(amounts[::2], amounts[1::2])),  # noqa: B905
+        list(zip(amounts[::2], amounts[1::2], strict=False)),
     )  # fmt: skip
     if {len(values) for values in (windows.stride, windows.dilation, windows.pads)} != {count}:
         raise op.fail("stride, dilation or pads don't fit the kernel")
@@ -149,12 +149,33 @@ def pool(op: OpWriter) -> None:
         raise op.fail(f"pool_type is '{op.attribute('pool_type')}'")
     x = op.channel_first(op.x if name == "MaxPool" else op.require_float(op.x))
     windows = _windows(op, op.integers("kernel_shape"))
+    ceil_mode = bool(op.attribute("ceil_mode", False))
+    include_pad = name == "AveragePool" and bool(op.attribute("count_include_pad", False))
+    if ceil_mode and not include_pad and _fill_last(op, windows, op.dims(x)[2:]):
+        ceil_mode = False
     attributes = windows.attributes()
-    attributes["ceil_mode"] = int(bool(op.attribute("ceil_mode", False)))
+    attributes["ceil_mode"] = int(ceil_mode)
     if name == "AveragePool":
-        attributes["count_include_pad"] = int(bool(op.attribute("count_include_pad", False)))
+        attributes["count_include_pad"] = int(include_pad)
         if set(windows.dilation) == {1}:
             del attributes["dilations"]
     if name == "LpPool":
         attributes["p"] = int(op.attribute("p", 2))
     op.channel_first_result(op.node(name, [x], attributes))
+
+
+def _fill_last(op: OpWriter, windows: Windows, sizes: tuple[Dim, ...]) -> bool:
+    """Pads behind that make the last window a whole one: they count for nothing, and runtimes don't agree on
+    whether a window that lies in the padding alone counts when sizes round up. False for unknown sizes."""
+    out = op.channel_first_dims(op.out_dims())[2:]
+    if None in sizes or None in out:
+        return False
+    pads = []
+    for axis, (size, count) in enumerate(zip(sizes, out, strict=True)):
+        before, stride, extent = windows.pads[axis][0], windows.stride[axis], windows.extent(axis)
+        behind = max((count - 1) * stride + extent - size - before, 0)
+        if (size + before + behind - extent) // stride + 1 != count:
+            return False
+        pads.append((before, behind))
+    windows.pads = pads
+    return True

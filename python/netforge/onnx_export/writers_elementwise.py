@@ -17,10 +17,10 @@ _UNARY = {
 }  # fmt: skip
 _RSQRT = 12
 _UNARY_NAMES = {
-    "ElementWiseAbs": 0, "ElementWiseAsin": 1, "ElementWiseAtan": 2, "ElementWiseCeil": 3, "ElementWiseCos": 4,  # noqa: E501
-    "ElementWiseExp": 5, "ElementWiseFloor": 6, "ElementWiseLog": 7, "ElementWiseNeg": 8, "ElementWiseNot": 9,
-    "ElementWiseRound": 11, "ElementWiseRsqrt": _RSQRT, "ElementWiseSign": 13, "ElementWiseSin": 14,
-    "ElementWiseSquareRoot": 15,
+    "ElementWiseAbs": 0, "ElementWiseAsin": 1, "ElementWiseAtan": 2, "ElementWiseCeil": 3,
+    "ElementWiseCos": 4, "ElementWiseExp": 5, "ElementWiseFloor": 6, "ElementWiseLog": 7,
+    "ElementWiseNeg": 8, "ElementWiseNot": 9, "ElementWiseRound": 11, "ElementWiseRsqrt": _RSQRT,
+    "ElementWiseSign": 13, "ElementWiseSin": 14, "ElementWiseSquareRoot": 15,
 }  # fmt: skip
 # On whole numbers these change nothing.
 _ROUNDING = frozenset((3, 6, 11))
@@ -77,7 +77,8 @@ _BINARY_NAMES = {
     "ElementWiseAdd": ADD, "ElementWiseAnd": AND, "ElementWiseDivide": DIVIDE, "ElementWiseEqual": EQUAL,
     "ElementWiseFloorDiv": FLOOR_DIVIDE, "ElementWiseFmod": FMOD, "ElementWiseGreater": 6,
     "ElementWiseGreaterEqual": 7, "ElementWiseLess": 8, "ElementWiseLessEqual": 9, "ElementWiseMaximum": 10,
-    "ElementWiseMinimum": 11, "ElementWiseMod": MOD, "ElementWiseMultiply": 13, "ElementWiseNotEqual": NOT_EQUAL,  # noqa: E501
+    "ElementWiseMinimum": 11, "ElementWiseMod": MOD, "ElementWiseMultiply": 13,
+    "ElementWiseNotEqual": NOT_EQUAL,
     "ElementWiseOr": 15, "ElementWisePower": 16, "ElementWiseSubtract": 18, "ElementWiseXor": 19,
 }  # fmt: skip
 
@@ -130,8 +131,12 @@ def _floor_divide(op: OpWriter, left: str, right: str) -> str:
 def _modulo(op: OpWriter, left: str, right: str) -> str:
     if op.kind(left) not in FLOATS:
         return op.node("Mod", [left, right])
-    whole = op.node("Floor", [op.node("Div", [left, right])])
-    return op.node("Sub", [left, op.node("Mul", [whole, right])])
+    # The remainder has the dividend's sign; where that isn't the divisor's, one divisor more brings it over.
+    rest = op.node("Mod", [left, right], {"fmod": 1})
+    zero = op.like(right, 0.0, "zero")
+    signs = [op.node("Less", [value, zero], kind=BOOL) for value in (rest, right)]
+    moved = op.node("And", [op.node("Xor", signs), op.as_bool(rest)])
+    return select(op, moved, op.node("Add", [rest, right]), rest)
 
 
 @writer("Eltwise_Ternary")

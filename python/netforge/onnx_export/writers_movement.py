@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import itertools
+
 from netforge.onnx_export.element_types import FLOATS
 from netforge.onnx_export.op_writer import END, OpWriter
 from netforge.onnx_export.registry import writer
@@ -10,12 +12,22 @@ from netforge.onnx_export.writers_elementwise import same_kind
 
 @writer("Transpose")
 def transpose(op: OpWriter) -> None:
-    op.result(op.transpose(op.x, op.integers("perm")))
+    """A Transpose between the layouts is left out where both forms are there already."""
+    order, rank = tuple(op.integers("perm")), op.rank(op.x)
+    forms, output = op.graph.channel_first_forms, op.op.outputs[0].name
+    same_type = op.kind(op.x) == op.out_kind()
+    if op.graph.channel_last and rank > 2 and same_type:
+        if order == (0, rank - 1, *range(1, rank - 1)) and op.x in forms and output not in op.graph.shown:
+            op.graph.aliases[output] = forms[op.x]
+            return
+        if order == (0, *range(2, rank), 1):
+            forms.setdefault(output, op.x)
+    op.result(op.transpose(op.x, order))
 
 
 @writer("Reshape")
 def reshape(op: OpWriter) -> None:
-    """To the dims of the output. Where several of them vary, the attribute says which are copied from the input."""  # noqa: E501
+    """To the dims of the output. Where several vary, the attribute says which are copied from the input."""
     out = op.out_dims()
     if out.count(None) > 1:
         given = op.integers("shape", [])
@@ -81,7 +93,7 @@ def split(op: OpWriter) -> None:
         for position in outputs:
             op.result(op.slice(op.x, bounds[position], bounds[position + 1], axis), position)
         return
-    sizes = op.shape([after - before for before, after in zip(bounds, bounds[1:])], "sizes")  # noqa: B905, RUF007
+    sizes = op.shape([after - before for before, after in itertools.pairwise(bounds)], "sizes")
     parts = op.nodes("Split", [op.x, sizes], {"axis": axis}, [op.kind(op.x)] * len(outputs))
     for position, part in enumerate(parts):
         op.result(part, position)
@@ -146,7 +158,7 @@ def strided_slice(op: OpWriter) -> None:
     value = op.x
     moving = [row for row in bounds if row[1:] != (0, END, 1) and row[1:] != (0, dims[row[0]], 1)]
     if moving:
-        axes, begins, ends, steps = (list(column) for column in zip(*moving))  # noqa: B905
+        axes, begins, ends, steps = (list(column) for column in zip(*moving, strict=False))
         values = (begins, ends, axes, steps)
         value = op.node("Slice", [value, *(op.shape(column, "bounds") for column in values)])
     if dropped:

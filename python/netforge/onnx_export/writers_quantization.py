@@ -1,17 +1,18 @@
 """Writers of the ops between floats and the integers that stand for them.
 
 A tensor of a fixed-point type holds integers q that stand for scale (q - zero point). Its encoding says
-what the smallest of them stands for, or, where that is left at 0, an offset that is the zero point's negative.
-"""  # noqa: E501
+what the smallest of them stands for, or, where that is left at 0, an offset that is the zero point's
+negative.
+"""
 
-from __future__ import annotations  # noqa: I001
+from __future__ import annotations
 
 from dataclasses import dataclass
 
 import numpy as np
 
 import netforge
-from netforge.onnx_export.element_types import FLOAT, FLOATS, INT16, INT32, INT8, UINT16, UINT8, numpy_type
+from netforge.onnx_export.element_types import FLOAT, FLOATS, INT8, INT16, INT32, UINT8, UINT16, numpy_type
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writer
 

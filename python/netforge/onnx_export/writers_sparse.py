@@ -15,7 +15,7 @@ from netforge.onnx_export.registry import writer
 
 
 def _places(op: OpWriter) -> str:
-    """Coordinates [count, rank - 1] of the first rows that aren't 0; when there are fewer, of others behind."""  # noqa: E501
+    """Coordinates [count, rank - 1] of the first rows that aren't 0, filled up with others."""
     x = op.x
     dims = op.static_dims(x)
     rows, count = math.prod(dims[:-1]), int(op.attribute("num_specified_elements"))
