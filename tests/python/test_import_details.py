@@ -9,7 +9,6 @@ import numpy as np
 import onnx
 import onnxruntime
 import pytest
-from graph_to_onnx import graph_to_onnx
 from import_cases import COMPLETE, LAYOUTS, check_graph
 from onnx import TensorProto, helper, numpy_helper
 from test_import_errors import model_of, value
@@ -120,7 +119,7 @@ def test_variant_keeps_its_values(what: str, layout: str, capfd) -> None:
         assert types(graph) == expected
     sizes = [size if isinstance(size, int) else 7 for size in dims]
     data = np.random.default_rng(3).uniform(-4, 4, sizes).astype(helper.tensor_dtype_to_np_dtype(kind))
-    for got, want in zip(run(graph_to_onnx(graph), {"x": data}), run(model, {"x": data}), strict=True):
+    for got, want in zip(run(netforge.to_onnx(graph), {"x": data}), run(model, {"x": data}), strict=True):
         assert got.dtype == want.dtype
         np.testing.assert_allclose(got, want, rtol=1e-4, atol=1e-5)
 
@@ -237,7 +236,7 @@ def test_decided_if_takes_its_branch_and_functions_are_inlined(capfd) -> None:
     assert capfd.readouterr().out.splitlines() == [COMPLETE]
     assert types(graph) == ["Eltwise_Unary", "Eltwise_Binary", "Eltwise_Binary"]
     data = np.array([-3, 2], np.float32)
-    np.testing.assert_array_equal(run(graph_to_onnx(graph), {"x": data})[0], [8, 8])
+    np.testing.assert_array_equal(run(netforge.to_onnx(graph), {"x": data})[0], [8, 8])
 
 
 def test_plain_op_keeps_attributes_and_places() -> None:
@@ -261,7 +260,7 @@ def test_plain_op_keeps_attributes_and_places() -> None:
     assert hot.attributes["onnx_scalar_inputs"].numpy().tolist() == [1]
     assert netforge.import_account(graph).plain_ops == {"LSTM": 1, "OneHot": 1}
     feeds = {"x": np.ones((5, 1, 3), np.float32), "i": np.array([3, 0])}
-    for got, want in zip(run(graph_to_onnx(graph), feeds), run(model, feeds), strict=True):
+    for got, want in zip(run(netforge.to_onnx(graph), feeds), run(model, feeds), strict=True):
         np.testing.assert_array_equal(got, want)
 
 
@@ -272,7 +271,7 @@ def test_constant_outputs_have_a_producer(capfd) -> None:
     graph = netforge.from_onnx(model)
     check_graph(graph, model)
     assert capfd.readouterr().out.splitlines() == [COMPLETE]
-    y, count, a = run(graph_to_onnx(graph), {"x": np.zeros((3, 5), np.float32)})
+    y, count, a = run(netforge.to_onnx(graph), {"x": np.zeros((3, 5), np.float32)})
     assert (y.tolist(), int(count), count.shape, a.tolist()) == ([2, 4], 15, (), [1, 2])
 
 

@@ -10,7 +10,6 @@ import numpy as np
 import onnx
 import onnxruntime
 import pytest
-from graph_to_onnx import graph_to_onnx
 from import_cases import COMPLETE, LAYOUTS, check_graph
 
 LIGHT = Path(onnx.__file__).parent / "backend/test/data/light"
@@ -56,7 +55,7 @@ def test_random_weights_are_repeatable_and_tell_layouts_apart(network: str, layo
     image = np.random.default_rng(0).uniform(0, 1, (1, 3, 224, 224)).astype(np.float32)
     results = []
     for seed, form in ((5, layout), (5, "source"), (6, layout)):
-        model = graph_to_onnx(netforge.from_onnx(path, form, random_weights=seed))
+        model = netforge.to_onnx(netforge.from_onnx(path, form, random_weights=seed))
         (result,) = runtime(model).run(None, {model.graph.input[0].name: image})
         assert np.isfinite(result).all()
         results.append(result)
@@ -83,5 +82,5 @@ def test_trained_model_keeps_its_values(trained_model: Path, layout: str, capfd)
     assert list(data.dynamicAxes) == [0]
     feeds = {data.name: np.random.default_rng(1).standard_normal((2, *data.dims[1:])).astype(np.float32)}
     expected = runtime(str(trained_model)).run(None, feeds)
-    for got, want in zip(runtime(graph_to_onnx(graph)).run(None, feeds), expected, strict=True):
+    for got, want in zip(runtime(netforge.to_onnx(graph)).run(None, feeds), expected, strict=True):
         np.testing.assert_allclose(got, want, rtol=1e-3, atol=1e-4)

@@ -11,7 +11,6 @@ import numpy as np
 import onnx
 import onnxruntime
 import pytest
-from graph_to_onnx import graph_to_onnx
 from import_cases import COMPLETE, LAYOUTS, check_graph, node_cases, with_constants
 from onnx.reference import ReferenceEvaluator
 
@@ -104,7 +103,7 @@ def test_typed_ops_compute_what_the_operators_compute(layout: str) -> None:
         if not netforge.import_account(graph).typed_ops:
             continue
         feeds = {tensor.name: np.asarray(arrays[0]) for tensor in graph.graphInputs}
-        if not computes(graph_to_onnx(graph), feeds, expected, case.rtol):
+        if not computes(netforge.to_onnx(graph), feeds, expected, case.rtol):
             wrong.append(f"{case.name}: {[op.type for op in graph.ops]}")
         compared += 1
     assert wrong == []
