@@ -21,7 +21,7 @@ What the builder `b` offers:
     b.permutation(rank)        an order, seldom the identity; b.inverse(order)
     b.tensor(dims, words="")   words of the text form behind the dims: "f32 NHWC src=NCHW"
     b.input(dims, words="")    a graph input in any case
-    b.constant(values, type="f32", words="")   values: nested lists or an array; equal ones are shared at times
+    b.constant(values, type="f32", words="")   nested lists or an array; equal ones may be shared
     b.random_constant(dims)    of normal numbers
     b.op(type, inputs, outputs=1, **attributes)
                                the name of the output, or a list of names when there are several. `outputs` is
@@ -32,9 +32,9 @@ What the builder `b` offers:
     b.output(name)             makes it a graph output; b.read(name) gives it one more reader
     b.share(name, p=0.25)      with probability p one of the two
 
-An op that the graph refuses (say, for dynamic axes) ends the plant; what it put in so far stays, and is valid.
-What a plant leaves unread becomes a graph output or is read by other ops. Draw from `b` alone, never from
-the order of a set. Values must stay tame: no logarithm of what may be negative.
+An op that the graph refuses (say, for dynamic axes) ends the plant; what it put in so far stays, and is
+valid. What a plant leaves unread becomes a graph output or is read by other ops. Draw from `b` alone, never
+from the order of a set. Values must stay tame: no logarithm of what may be negative.
 
 Ops: `evaluator.evaluate` computes graphs in NumPy; a type without a kernel raises UnknownOp. Kernels are
 functions `@kernel("Type")` in the modules `kernels_*.py`.

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import random
 from collections.abc import Sequence
 
@@ -16,16 +17,16 @@ def generate(seed: int, passes: Sequence[str] = ()) -> str:
     rng = random.Random(seed)
     builder = Builder(rng, rng.choice(ORDERS))
     plants = all_plants()
-    names = [name for name in plants if name in passes] if passes else list(plants)
+    chosen = [plants[name] for name in plants if not passes or name in passes]
+    # Each once, though it may be for several passes.
+    functions = list(dict.fromkeys(function for group in chosen for function in group))
     for _ in range(rng.choice((1, 1, 2, 2, 3, 4))):
         steps = [background_op] * rng.choice((0, 1, 2))
-        if names:
-            steps.append(rng.choice(plants[rng.choice(names)]))
+        if functions:
+            steps.append(rng.choice(functions))
         for step in steps:
-            try:
+            with contextlib.suppress(Refused):
                 step(builder)
-            except Refused:
-                pass
     if not builder.graph.ops:
         builder.relu(builder.input([2, 3]))
     return builder.finish()

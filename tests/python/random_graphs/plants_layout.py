@@ -150,7 +150,7 @@ def _flattened(b: Builder, x: str) -> None:
     features = 1
     for size in dims[1:]:
         features *= size
-    flat = b.reshape(x, [dims[0], features] if b.chance(0.8) else [dims[0] * features])
+    flat = b.reshape(x, [features] if dims[0] == 1 and b.chance(0.3) else [dims[0], features])
     shape = [3, features] if b.spatial_first else [features, 3]
     b.share(flat, 0.15)
     weight = b.random_constant(shape)
