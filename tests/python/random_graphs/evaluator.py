@@ -117,14 +117,18 @@ def random_inputs(graph: netforge.IrGraph, seed: int) -> Values:
 
 def opaque(node: Node, *inputs: np.ndarray) -> list[np.ndarray]:
     """Stands for an op of a type that tests made up: every output depends on all elements of all operands,
-    on their order and their dims."""
+    on their order and their dims. It keeps to the type of the output: bools are 0 and 1, integers whole."""
     flat = np.concatenate([np.array([len(node.type)]), *(x.reshape(-1) for x in inputs)])
     shape = sum((place + 2) * size for x in inputs for place, size in enumerate(x.shape))
     mixed = float(np.dot(flat, np.cos(np.arange(1, len(flat) + 1)))) + 0.01 * shape
-    return [
-        np.sin(np.resize(flat, tensor.dims) + 0.1 * mixed + number)
-        for number, tensor in enumerate(node.op.outputs)
-    ]
+    results = []
+    for number, tensor in enumerate(node.op.outputs):
+        result = np.sin(np.resize(flat, tensor.dims) + 0.1 * mixed + number)
+        name = tensor.dataType.name
+        results.append(
+            result if "FLOAT" in name else (result > 0) * 1.0 if "BOOL" in name else np.round(result)
+        )
+    return results
 
 
 def evaluate(

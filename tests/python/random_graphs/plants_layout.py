@@ -46,8 +46,10 @@ def transposed_constant(b: Builder) -> None:
     t = b.transpose(c, b.permutation(rank))
     b.share(t, 0.15)
     b.share(c, 0.15)
-    if rank == 2 and b.chance(0.5):
-        b.op("MatMul", [b.tensor([2, b.dims(t)[0]]), t])
+    if rank == 2 and b.chance(0.6):
+        features = b.dims(t)[1 if b.spatial_first else 0]
+        kind = b.pick(["MatMul", "FullyConnected"])
+        b.op(kind, [b.tensor([2, b.dims(t)[0] if kind == "MatMul" else features]), t])
     else:
         b.eltwise(b.pick([ADD, MULTIPLY]), b.tensor(b.dims(t)), t)
 
