@@ -1,5 +1,5 @@
-// What the passes that fold Transposes and Reshapes cost on chains of growing length, run as the manager runs
-// them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
+// What the passes that fold or move Transposes and Reshapes cost on chains of growing length, run as the manager
+// runs them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
 
 #include <benchmark/benchmark.h>
 #include <ctime>
@@ -47,6 +47,9 @@ void addSource(IrGraph& graph, const std::string& name, const Dims& dims, bool c
 struct Step {
   std::string type;
   OpParams params;
+  // Further inputs: a name of what stands in front of the chain, or "@" for what the step before this one's
+  // input made.
+  std::vector<std::string> others = {};
 };
 Step transpose(const Dims& perm) {
   return {"Transpose", {{"perm", OpParam(perm)}}};
