@@ -1,5 +1,5 @@
-// What the passes that fold or move Transposes and Reshapes cost on chains of growing length, run as the manager
-// runs them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
+// What the passes that fold or move Transposes and Reshapes cost on chains of growing length, run as the
+// manager runs them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
 
 #include <benchmark/benchmark.h>
 #include <ctime>
@@ -44,11 +44,17 @@ void addSource(IrGraph& graph, const std::string& name, const Dims& dims, bool c
       netforge::ORLO_DATATYPE_FLOAT_32, AxisFormat::ANY, AxisFormat::ANY, false, TensorType::Static, Dims{}));
 }
 
+void makeOutput(IrGraph& graph, const std::string& name) {
+  const auto output = graph.getTensor(name);
+  output->setTensorType(TensorType::GraphOutput);
+  graph.removeTensor(name);
+  graph.addTensor(output);
+}
+
 struct Step {
   std::string type;
   OpParams params;
-  // Further inputs: a name of what stands in front of the chain, or "@" for what the step before this one's
-  // input made.
+  // Further inputs: the constant "k", or "@" for the first input again.
   std::vector<std::string> others = {};
 };
 Step transpose(const Dims& perm) {
@@ -64,21 +70,28 @@ Step reduce(const Dims& axes) {
 Step relu() {
   return {"ElementWiseNeuron", {{"operation", OpParam(4u)}}};
 }
+Step sum(const std::string& other) {
+  return {"Eltwise_Binary", {{"operation", OpParam(0u)}}, {other}};
+}
 
 struct Chain {
   Dims dims;
   std::vector<Step> steps;  // repeated until the chain is long enough
   bool constant = false;
   bool traced = false;
+  Step last = relu();
 };
 
-// Source -> Relu -> steps ... -> Relu -> output, without the first Relu behind a constant.
+// Source -> Relu -> steps ... -> last step -> output, without the Relu behind a constant.
 GraphPtr build(const Chain& chain, std::size_t size) {
   auto graph = std::make_shared<IrGraph>("chain");
   addSource(*graph, "x", chain.dims, chain.constant);
+  addSource(*graph, "k", {chain.dims.back()}, true);
   std::string last = "x";
   const auto append = [&](const std::string& name, const Step& step) {
-    graph->addOp(createOp(step.type, name, step.params), {last}, {name}, {}, -1, false);
+    IrGraph::Names inputs{last};
+    for (const std::string& other : step.others) inputs.push_back(other == "@" ? last : other);
+    graph->addOp(createOp(step.type, name, step.params), inputs, {name}, {}, -1, false);
     if (chain.traced) {
       graph->addTraceSources(TraceKind::Op, name, {{name, TraceKind::Op}});
       graph->addTraceSources(TraceKind::Tensor, name, {{name, TraceKind::Tensor}});
@@ -87,19 +100,35 @@ GraphPtr build(const Chain& chain, std::size_t size) {
   };
   if (!chain.constant) append("first", relu());
   for (std::size_t i = 0; i < size; ++i) append(nameOf(i), chain.steps[i % chain.steps.size()]);
-  append("last", relu());
-  const auto output = graph->getTensor("last");
-  output->setTensorType(TensorType::GraphOutput);
-  graph->removeTensor("last");
-  graph->addTensor(output);
+  append("last", chain.last);
+  makeOutput(*graph, "last");
   return graph;
 }
 
-void run(benchmark::State& state, PassId id, const Chain& chain) {
+// One Relu -> many -> one Concat -> Transpose -> output.
+GraphPtr buildFan(std::size_t size) {
+  auto graph = std::make_shared<IrGraph>("fan");
+  addSource(*graph, "x", {1, 2, 3, 4}, false);
+  const auto append = [&](const std::string& name, const Step& step, const IrGraph::Names& inputs) {
+    graph->addOp(createOp(step.type, name, step.params), inputs, {name}, {}, -1, false);
+  };
+  append("first", relu(), {"x"});
+  IrGraph::Names branches;
+  for (std::size_t i = 0; i < size; ++i) {
+    branches.push_back(nameOf(i));
+    append(nameOf(i), relu(), {"first"});
+  }
+  append("joined", {"Concat", {{"axis", OpParam(1u)}}}, branches);
+  append("last", transpose({0, 2, 3, 1}), {"joined"});
+  makeOutput(*graph, "last");
+  return graph;
+}
+
+void run(benchmark::State& state, PassId id, const std::function<GraphPtr(std::size_t)>& buildGraph) {
   const auto size = static_cast<std::size_t>(state.range(0));
   std::uint32_t left = 0;
   for (auto _ : state) {
-    GraphPtr graph = build(chain, size);
+    GraphPtr graph = buildGraph(size);
     netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
     const std::clock_t start = std::clock();  // of this process alone: other load doesn't show
     manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
@@ -111,13 +140,16 @@ void run(benchmark::State& state, PassId id, const Chain& chain) {
       static_cast<double>(size), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
-void bench(const std::string& name, PassId id, const Chain& chain) {
-  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { run(state, id, chain); })
+void bench(const std::string& name, PassId id, const std::function<GraphPtr(std::size_t)>& buildGraph) {
+  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { run(state, id, buildGraph); })
       ->Arg(1000)
       ->Arg(10000)
       ->Arg(100000)
       ->UseManualTime()
       ->Unit(benchmark::kMillisecond);
+}
+void bench(const std::string& name, PassId id, const Chain& chain) {
+  bench(name, id, [=](std::size_t size) { return build(chain, size); });
 }
 
 }  // namespace
@@ -148,6 +180,21 @@ int main(int argc, char** argv) {
         {{1, 5, 1}, {transpose({1, 0, 2}), reshape({1, 5, 1})}});
   bench("ReplaceTRTWithReshape", PassId::ReplaceTRTWithReshape,
         {{2, 1, 6}, {transpose({1, 0, 2}), reshape({1, 12, 1}), transpose({2, 1, 0}), reshape({2, 1, 6})}});
+  const auto endingIn = [](Chain chain, const Step& last) {
+    chain.last = last;
+    return chain;
+  };
+  const Step channelLast = transpose({0, 2, 3, 1});
+  bench("HoistTranspose_chain", PassId::HoistTranspose, endingIn({image, {relu()}}, channelLast));
+  bench("HoistTranspose_constant", PassId::HoistTranspose, endingIn({image, {sum("k")}}, channelLast));
+  bench("HoistTranspose_refused", PassId::HoistTranspose, {image, {relu()}});
+  bench("HoistTranspose_fan", PassId::HoistTranspose, buildFan);
+  bench("HoistTransposeAboveElementWiseMux", PassId::HoistTransposeAboveElementWiseMux,
+        {image, {{"ElementWiseMux", {}, {"@", "@"}}, channelLast}});
+  bench("SinkTransposeBelowSum", PassId::SinkTransposeBelowSum, {image, {channelLast, sum("@")}});
+  bench("ReduceEltwiseBinTranspose", PassId::ReduceEltwiseBinTranspose,
+        {image, {channelLast, sum("@"), transpose({0, 3, 1, 2})}});
+  bench("PermuteAxisToLast", PassId::PermuteAxisToLast, {image, {{"Softmax", {{"axis", OpParam(1u)}}}}});
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }
