@@ -37,10 +37,7 @@ TEST(HoistTransposeAboveElementWiseMux, TransposesTheInputs) {
                                    forMux("s") + "r = Relu(a)\n" + forMux("r");
   expectPass(
       PassId::HoistTransposeAboveElementWiseMux,
-      {{.fault = "a Transpose stands elsewhere than behind its input's producer, or at the head",
-        .before = inputs + mux + transpose("t", "m") + "out t",
-        .after = turnedInputs + "m: t = " + turned + "out t"},
-       {.fault = "two muxes each get Transposes of their own",
+      {{.fault = "Transposes stand elsewhere than behind their inputs, or two muxes get their own",
         .before = inputs + mux + "n = ElementWiseMux(s, b, r)\n" + transpose("t", "m") + transpose("u", "n") +
                   "out t\n out u",
         .after = turnedInputs + "m: t = " + turned +
@@ -102,8 +99,7 @@ TEST(HoistTransposeAboveElementWiseMux, TestsAllInputsBeforeItEdits) {
         .before = muxOf("b") + forMux("b", "[0,3,1,2]") + "y = Relu(b_transpose_for_mux)\n out y\n" + tail},
        {.fault = "the last input's name belongs to another op",
         .before = muxOf("b") + "b_transpose_for_mux = Relu(b)\n out b_transpose_for_mux\n" + tail},
-       {.fault = "the application reads the mux", .before = muxOf("b") + "out m\n" + tail},
-       {.fault = "someone else reads the mux", .before = muxOf("b") + "y = Relu(m)\n out y\n" + tail}});
+       {.fault = "the application reads the mux", .before = muxOf("b") + "out m\n" + tail}});
 }
 
 // --- sum ---
@@ -152,9 +148,6 @@ TEST(SinkTransposeBelowSum, MakesOneTransposeOfTwo) {
               EXPECT_EQ(sourcesOf(graph, TraceKind::Tensor, "s_permute"), source);
               EXPECT_EQ(sourcesOf(graph, TraceKind::Op, "y"), source);
             }},
-       {.fault = "another order",
-        .before = inputs + transpose("p", "a", "[0,3,2,1]") + "in c[2,7,5,3]\n" +
-                  transpose("q", "c", "[0,1,2,3]") + sum + "out s"},
        {.fault = "orders that differ on equal dims",
         .before = "in a[3,3,3]\n in b[3,3,3]\n" + transpose("p", "a", "[1,2,0]") +
                   transpose("q", "b", "[2,0,1]") + sum + "out s"},
@@ -163,8 +156,6 @@ TEST(SinkTransposeBelowSum, MakesOneTransposeOfTwo) {
        {.fault = "another operation",
         .before = inputs + pair + "e: s = Eltwise_Binary(p, q) operation=13\n out s"},
        {.fault = "a transposed tensor is a graph output", .before = inputs + pair + sum + "out s\n out q"},
-       {.fault = "a transposed tensor is read",
-        .before = inputs + pair + sum + "y = Relu(p)\n out s\n out y"},
        {.fault = "the new tensor's name is taken",
         .before = inputs + pair + sum + "s_permute = Relu(s)\n out s_permute"},
        {.fault = "the new op's name is taken",
@@ -227,9 +218,7 @@ TEST(ReduceEltwiseBinTranspose, LeavesWhatItWouldBreak) {
        {.fault = "the other operand is broadcast along the new last axis",
         .before = "in x[2,3,5,7]\n in y[2,5,1,3]\n" + transpose("i", "x") +
                   "e = Eltwise_Binary(i, y) operation=13\n" + transpose("z", "e", "[0,3,1,2]") + "out z"},
-       {.fault = "the result between is read", .before = around(product, "u = Relu(e)\n out u\n out z")},
        {.fault = "the result between is a graph output", .before = around(product, "out e\n out z")},
-       {.fault = "the transposed operand is read", .before = around(product, "u = Relu(i)\n out u\n out z")},
        {.fault = "the transposed operand is a graph output", .before = around(product, "out i\n out z")},
        {.fault = "the new Transpose's name is taken",
         .before = around(product, "y_0312 = Relu(y)\n out y_0312\n out z")}});
