@@ -1,4 +1,4 @@
-// What the passes that fold or move Transposes and Reshapes cost on chains of growing length, run as the
+// What the passes that fold or move Transposes and Reshapes cost on graphs of growing size, run as the
 // manager runs them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
 
 #include <benchmark/benchmark.h>
@@ -10,6 +10,7 @@
 #include <vector>
 #include "GraphRefiner/src/PassManager.h"
 #include "GraphRefiner/src/PassRegistry.h"
+#include "bench/Fleet.h"
 #include "ir/IrGraph.h"
 #include "ops/OpFactory.h"
 
@@ -124,32 +125,34 @@ GraphPtr buildFan(std::size_t size) {
   return graph;
 }
 
-void run(benchmark::State& state, PassId id, const std::function<GraphPtr(std::size_t)>& buildGraph) {
-  const auto size = static_cast<std::size_t>(state.range(0));
+using BuildGraph = std::function<GraphPtr(std::size_t)>;
+
+// As many graphs as make kTotal ops together, as Fleet.h says why.
+void run(benchmark::State& state, PassId id, const BuildGraph& buildGraph) {
+  const std::size_t size = netforge::bench::sizeOf(state);
+  std::vector<GraphPtr> graphs(netforge::bench::kTotal / size);
   std::uint32_t left = 0;
   for (auto _ : state) {
-    GraphPtr graph = buildGraph(size);
-    netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
+    for (GraphPtr& graph : graphs) graph = buildGraph(size);
     const std::clock_t start = std::clock();  // of this process alone: other load doesn't show
-    manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
+    for (GraphPtr& graph : graphs) {
+      netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
+      manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
+    }
     state.SetIterationTime(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
-    left = graph->numOps();
+    left = graphs.front()->numOps();
   }
   state.counters["ops_left"] = left;
-  state.counters["per_op"] = benchmark::Counter(
-      static_cast<double>(size), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  netforge::bench::perOp(state, netforge::bench::kTotal);
 }
 
-void bench(const std::string& name, PassId id, const std::function<GraphPtr(std::size_t)>& buildGraph) {
-  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { run(state, id, buildGraph); })
-      ->Arg(1000)
-      ->Arg(10000)
-      ->Arg(100000)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond);
+void bench(const std::string& name, PassId id, const BuildGraph& buildGraph) {
+  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+    run(state, id, buildGraph);
+  })->Apply(netforge::bench::whole);
 }
 void bench(const std::string& name, PassId id, const Chain& chain) {
-  bench(name, id, [=](std::size_t size) { return build(chain, size); });
+  bench(name, id, BuildGraph([=](std::size_t size) { return build(chain, size); }));
 }
 
 }  // namespace
@@ -188,7 +191,7 @@ int main(int argc, char** argv) {
   bench("HoistTranspose_chain", PassId::HoistTranspose, endingIn({image, {relu()}}, channelLast));
   bench("HoistTranspose_constant", PassId::HoistTranspose, endingIn({image, {sum("k")}}, channelLast));
   bench("HoistTranspose_refused", PassId::HoistTranspose, {image, {relu()}});
-  bench("HoistTranspose_fan", PassId::HoistTranspose, buildFan);
+  bench("HoistTranspose_fan", PassId::HoistTranspose, BuildGraph(buildFan));
   bench("HoistTransposeAboveElementWiseMux", PassId::HoistTransposeAboveElementWiseMux,
         {image, {{"ElementWiseMux", {}, {"@", "@"}}, channelLast}});
   bench("SinkTransposeBelowSum", PassId::SinkTransposeBelowSum, {image, {channelLast, sum("@")}});
