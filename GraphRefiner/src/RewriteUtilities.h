@@ -111,6 +111,16 @@ enum class TransposeName {
 TransposeName inspectTransposeName(const std::shared_ptr<IrGraph>& graph,
                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
                                    const std::string& base);
+/// The same for a Transpose that is to bear this very name.
+TransposeName inspectTransposeNamed(const std::shared_ptr<IrGraph>& graph,
+                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
+                                    const std::string& name);
+/// Whether `insertOrReuseTranspose` of this tensor would go through: there is a Transpose to share, or its
+/// name is free.
+bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor,
+                               const Permutation& perm);
+/// Whether the tensor's quantisation differs along its axes, so that it doesn't outlive a change of layout.
+bool isEncodedAlongAxes(const IrTensor& tensor);
 
 // --- edits ---
 
