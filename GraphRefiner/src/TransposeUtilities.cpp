@@ -65,12 +65,7 @@ void takeOverGraphOutput(const GraphPtr& graph, const TensorPtr& input, const Te
     graph->updateTensorName(output->getName(), outputName);
   }
   handOverGraphOutput(graph, input, output);
-  const QuantInfo& record = input->getQuantInfo();
-  if (input->isQuantized()) {
-    output->setQInfo(input->getDataType(), record);
-  } else if (record.isOverridden && isFloatDataType(input->getDataType())) {
-    output->setFloatQInfo(input->getDataType(), record);
-  }
+  copyTypeAndEncoding(input, output);
 }
 
 }  // namespace
@@ -92,6 +87,11 @@ TransposeName inspectTransposeName(const GraphPtr& graph, const TensorPtr& tenso
   const OpPtr producer = existing->getProducer();
   const bool reusable = producer && isTransposeWith(producer, perm) && producer->getInput(0) == tensor;
   return reusable ? TransposeName::Reusable : TransposeName::Taken;
+}
+
+bool canInsertTranspose(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm) {
+  return findTransposeWithPerm(tensor, perm) ||
+         inspectTransposeName(graph, tensor, perm, "") == TransposeName::Free;
 }
 
 void insertOrReuseTranspose(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index,
