@@ -24,9 +24,10 @@ bool isGraphOutput(const TensorPtr& tensor) {
   }
 }
 
-bool writeGraphOutput(std::initializer_list<OpPtr> ops) {
-  return std::any_of(ops.begin(), ops.end(), [](const OpPtr& op) {
-    const auto outputs = op->getOutputs();
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const OpPtr& root) {
+  return std::any_of(matchedOps.begin(), matchedOps.end(), [&](const MatchedOps::value_type& entry) {
+    if (!entry.second || entry.second == root) return false;
+    const auto outputs = entry.second->getOutputs();
     return std::any_of(outputs.begin(), outputs.end(), isGraphOutput);
   });
 }

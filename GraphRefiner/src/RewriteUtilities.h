@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,6 +16,8 @@ class IrOp;
 }  // namespace netforge
 
 namespace netforge::graphrefiner {
+
+class MatchedOps;
 
 // The toolbox that the passes share. Free functions without state. Failures are std::runtime_error with the
 // text
@@ -95,8 +96,8 @@ float halfToFloat(std::uint16_t bits);
 
 /// Whether the application reads the tensor: graph outputs, also updateable and optional ones.
 bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
-/// Whether the application reads an output of one of these ops.
-bool writeGraphOutput(std::initializer_list<std::shared_ptr<ops::IrOp>> ops);
+/// Whether the application reads an output of a bound op other than the root.
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const std::shared_ptr<ops::IrOp>& root);
 /// Whether neither a tensor nor an op bears the name.
 bool isFreeName(const std::shared_ptr<IrGraph>& graph, const std::string& name);
 /// Whether IrGraph::squash of this op into this input would go through as the graph stands.
@@ -117,10 +118,10 @@ TransposeName inspectTransposeName(const std::shared_ptr<IrGraph>& graph,
                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
                                    const std::string& base);
 
-/// Whether `insertOrReuseTranspose` would go through: there is a Transpose to share, or the name of a new one
-/// is free.
-bool canInsertTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor,
-                        const Permutation& perm);
+/// Whether `insertOrReuseTranspose` of this tensor would go through: there is a Transpose to share, or its
+/// name is free.
+bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor,
+                               const Permutation& perm);
 
 // --- edits ---
 

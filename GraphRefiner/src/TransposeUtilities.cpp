@@ -89,9 +89,9 @@ TransposeName inspectTransposeName(const GraphPtr& graph, const TensorPtr& tenso
   return reusable ? TransposeName::Reusable : TransposeName::Taken;
 }
 
-bool canInsertTranspose(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm) {
-  return findTransposeWithPerm(tensor, perm) ||
-         inspectTransposeName(graph, tensor, perm, "") == TransposeName::Free;
+bool canInsertOrReuseTranspose(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm) {
+  return inspectTransposeName(graph, tensor, perm, "") == TransposeName::Free ||
+         findTransposeWithPerm(tensor, perm) != nullptr;
 }
 
 void insertOrReuseTranspose(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index,

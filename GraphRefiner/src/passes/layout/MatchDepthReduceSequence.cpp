@@ -48,7 +48,7 @@ bool MatchDepthReduceSequence::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
   const OpPtr divide = matchedOps.at(dividePattern);
   const OpPtr root = matchedOps.at(rootPattern);
   if (subtract->numInputs() != 2 || divide->numInputs() != 2) return false;
-  if (writeGraphOutput({first, subtract, unary, reduce, divide, root})) return false;
+  if (hasInteriorGraphOutput(matchedOps, root) || isGraphOutput(root->getOutput(0))) return false;
   const Permutation perm = getTransposePerm(first);
   const Permutation back = getTransposePerm(root);
   if (perm.empty() || perm.size() != back.size() || perm != getInversePermutation(back)) return false;

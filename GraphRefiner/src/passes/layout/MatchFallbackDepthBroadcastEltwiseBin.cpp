@@ -25,14 +25,15 @@ bool MatchFallbackDepthBroadcastEltwiseBin::rewriteCallback(std::shared_ptr<IrGr
   const auto& readers = out->getConsumers();
   const auto isReshape = [](const OpPtr& reader) { return reader->getType() == "Reshape"; };
   if (readers.empty() || !std::all_of(readers.begin(), readers.end(), isReshape)) return false;
-  if (outer->numInputs() != 2 || writeGraphOutput({outer, matchedOps.at(innerPattern)})) return false;
+  if (outer->numInputs() != 2 || hasInteriorGraphOutput(matchedOps, matchedOps.at(rootPattern))) return false;
   const TensorPtr left = outer->getInput(0);
   const TensorPtr right = outer->getInput(1);
   if (!right->getProducer() || right->getProducer()->getType() != "Transpose") return false;
   if (left->getRank() != 3 || right->getRank() != 3 || out->getRank() != 3) return false;
   if (dimsEqualAt(left, 2, right, 2) || !dimsEqualAt(left, 1, right, 1)) return false;
   const Permutation order{0, 2, 1};
-  if (!canInsertTranspose(graph, left, order) || !canInsertTranspose(graph, right, order)) return false;
+  if (!canInsertOrReuseTranspose(graph, left, order) || !canInsertOrReuseTranspose(graph, right, order))
+    return false;
   if (inspectTransposeName(graph, out, order, "") != TransposeName::Free) return false;
 
   // ---- edits ----

@@ -53,7 +53,7 @@ bool MatchOptimizeDepthBroadcastElementwise::rewriteCallback(GraphPtr& graph, Ma
   if (expanded->getConsumers().size() != 1 || transpose->getOutput(0)->getConsumers().size() != 1) {
     return false;
   }
-  if (writeGraphOutput({reshape, transpose})) return false;
+  if (hasInteriorGraphOutput(matchedOps, root)) return false;
   const std::uint32_t index = root->getInput(0)->getProducer() == transpose ? 1 : 0;
   const TensorPtr t = root->getInput(1 - index);
   const TensorPtr y = root->getInput(index);
@@ -65,7 +65,8 @@ bool MatchOptimizeDepthBroadcastElementwise::rewriteCallback(GraphPtr& graph, Ma
   const std::uint32_t moved = inverse.back();
   if (dimsEqualAt(t, rank - 1, y, rank - 1) || !dimsEqualAt(t, moved, y, moved)) return false;
   const std::string base = out->getName() + "_post_transpose";
-  if (!canInsertTranspose(graph, y, inverse) || !hasRoomBehind(graph, out, base, perm, inverse)) return false;
+  if (!canInsertOrReuseTranspose(graph, y, inverse) || !hasRoomBehind(graph, out, base, perm, inverse))
+    return false;
   if (!canSquash(graph, reshape, x, true)) return false;
 
   // ---- edits ----

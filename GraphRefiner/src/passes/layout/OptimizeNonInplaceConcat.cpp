@@ -60,9 +60,7 @@ bool OptimizeNonInplaceConcatRule::rewriteCallback(GraphPtr& graph, MatchedOps& 
   const OpPtr concat = matchedOps.at(concatPattern);
   const OpPtr transpose = matchedOps.at(transposePattern);
   if (concat->numInputs() != 2) return false;
-  if (writeGraphOutput({transpose, matchedOps.at(reshapePattern), concat, matchedOps.at(innerPattern)})) {
-    return false;
-  }
+  if (hasInteriorGraphOutput(matchedOps, matchedOps.at(rootPattern))) return false;
   const TensorPtr out = concat->getOutput(0);
   const Permutation back = getTransposePerm(transpose);
   const Permutation inverse = getInversePermutation(back);

@@ -76,7 +76,7 @@ bool OptimizeUnmatchedMatMulRule::rewriteCallback(GraphPtr& graph, MatchedOps& m
   const TensorPtr x = reshape->getInput(0);
   const TensorPtr flat = reshape->getOutput(0);
   if (flat->getConsumers().size() > 1 || matmul->getOutput(0)->getConsumers().size() > 1) return false;
-  if (writeGraphOutput({reshape, transpose, matmul})) return false;
+  if (hasInteriorGraphOutput(matchedOps, root)) return false;
   if (matmul->numInputs() != 2 || reshape->numInputs() != 1) return false;
   if (matmul->getInput(0) == matmul->getInput(1)) return false;
   if (isSet(matmul, "transpose_in0") || isSet(matmul, "transpose_in1")) return false;
