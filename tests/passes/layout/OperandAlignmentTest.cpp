@@ -1,5 +1,8 @@
 // Bringing the operands of a MatMul or of an elementwise op into agreement.
 #include <gtest/gtest.h>
+#include "GraphRefiner/src/Pass.h"
+#include "GraphRefiner/src/PassRegistry.h"
+#include "tests/support/GraphText.h"
 #include "tests/support/PassFixture.h"
 #include "tests/support/TextEdit.h"
 
@@ -57,6 +60,18 @@ TEST(AlignMatmulRanks, PutsOnesInFrontOfTheLowerRank) {
        {.fault = "a taken name ends the run",
         .before = with(tensors, "in a", "in y_a_reshape[7]\n in a") + "\n z = Relu(y_a_reshape)\n out z"},
        {.fault = "dynamic axes end the run", .before = with(tensors, "a[3,4]", "a[?3,4]")}});
+}
+
+TEST(AlignMatmulRanks, MovesTheAxisOfAnEncodingPerChannel) {
+  auto graph = readGraph("in x[2,3,4]\n const c[4,2] sq8 scale=1 offset=0 = iota\n y = MatMul(x, c)\n out y");
+  QuantInfo record;
+  record.encoding = QuantEncodingKind::AxisScaleOffset;
+  record.axis = 1;
+  record.axisEncodings.resize(2);
+  graph->getTensor("c")->setQInfo(ORLO_DATATYPE_SFIXED_POINT_8, record);
+  const auto stage = graphrefiner::OptimizationStage::PostLayout;
+  EXPECT_TRUE(graphrefiner::getPassRegistry().table(stage).at(PassId::AlignMatmulRanks)->run(graph));
+  EXPECT_EQ(graph->getTensor("c")->getQuantInfo().axis, 2);
 }
 
 // A product [2,4,35], wider than high, whose columns are rows of a flattened image.

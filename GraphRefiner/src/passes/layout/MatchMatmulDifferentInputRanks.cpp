@@ -11,6 +11,35 @@ namespace netforge::graphrefiner {
 using OpPtr = std::shared_ptr<ops::IrOp>;
 using TensorPtr = std::shared_ptr<IrTensor>;
 
+namespace {
+
+// An encoding per channel names the channels' axis, which moves up by the ones put in front of it.
+void shiftEncodingAxis(IrTensor& tensor, std::uint32_t places) {
+  QuantInfo record = tensor.getQuantInfo();
+  std::int32_t* axis = nullptr;
+  switch (record.encoding) {
+    case QuantEncodingKind::AxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffsetMapped:
+      axis = &record.axis;
+      break;
+    case QuantEncodingKind::Block:
+    case QuantEncodingKind::BlockMapped:
+      axis = &record.blockAxis;
+      break;
+    case QuantEncodingKind::SbqBlockwise:
+      axis = &record.sbqAxis;
+      break;
+    default:
+      return;
+  }
+  if (*axis < 0) return;  // counted from the end
+  *axis += static_cast<std::int32_t>(places);
+  tensor.setQInfo(tensor.getDataType(), record);
+}
+
+}  // namespace
+
 MatchMatmulDifferentInputRanks::MatchMatmulDifferentInputRanks() {
   rootPattern = makeOpType("MatMul");
   pattern = rootPattern;
@@ -34,6 +63,7 @@ bool MatchMatmulDifferentInputRanks::rewriteCallback(std::shared_ptr<IrGraph>& g
     const StaticTensorPtr copy = reshapeStaticTensor(constant, newDims, "");
     copy->setExplicitPermuteOrder(constant->getPermuteOrder());
     copy->setAxisFormat(large->getAxisFormat());
+    shiftEncodingAxis(*copy, large->getRank() - small->getRank());
     supersedeConstant(graph, constant, copy);
     graph->updateTraceInfo(std::vector<OpPtr>{matmul}, {}, {copy}, false);
     return true;
