@@ -24,6 +24,18 @@ bool isGraphOutput(const TensorPtr& tensor) {
   }
 }
 
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const OpPtr& root) {
+  return std::any_of(matchedOps.begin(), matchedOps.end(), [&](const MatchedOps::value_type& entry) {
+    if (!entry.second || entry.second == root) return false;
+    const auto outputs = entry.second->getOutputs();
+    return std::any_of(outputs.begin(), outputs.end(), isGraphOutput);
+  });
+}
+
+bool isFreeName(const GraphPtr& graph, const std::string& name) {
+  return !graph->hasTensor(name) && !graph->hasOp(name);
+}
+
 bool canMergeTensors(const GraphPtr& graph, const TensorPtr& input, const TensorPtr& output, bool keepInput) {
   const auto graphOutputs = graph->getGraphOutputs();
   const auto isListed = [&](const TensorPtr& tensor) {
@@ -128,6 +140,42 @@ void handOverGraphOutput(const GraphPtr& graph, const TensorPtr& givenFrom, cons
     from->setTensorType(TensorType::Native);
     from->setUpdateable(false);
   }
+}
+
+void passGraphOutputOn(const GraphPtr& graph, const TensorPtr& givenInner, const TensorPtr& givenOuter) {
+  const TensorPtr inner = givenInner;
+  const TensorPtr outer = givenOuter;
+  if (!isGraphOutput(inner)) return;
+  copyTypeAndEncoding(inner, outer);
+  handOverGraphOutput(graph, inner, outer);
+  graph->swapTensorNames(inner->getName(), outer->getName());
+}
+
+void copyTypeAndEncoding(const TensorPtr& from, const TensorPtr& to) {
+  const DataType type = from->getDataType();
+  const QuantInfo record = from->getQuantInfo();
+  if (from->isQuantized()) {
+    if (!to->isQuantizable()) {
+      to->setDataType(ORLO_DATATYPE_FLOAT_32);  // only a float tensor becomes quantizable
+      to->setQuantizable(true);
+    }
+    to->setQInfo(type, record);
+  } else if (record.isOverridden && isFloatDataType(type)) {
+    to->setFloatQInfo(type, record);
+  } else {
+    if (!isFloatDataType(type)) to->setQuantizable(false);
+    to->setDataType(type);
+  }
+}
+
+void supersedeConstant(const GraphPtr& graph, const TensorPtr& givenConstant,
+                       const StaticTensorPtr& givenSuccessor) {
+  const TensorPtr constant = givenConstant;
+  const StaticTensorPtr successor = givenSuccessor;
+  graph->transferConsumers(constant, successor, graph->getConsumers(constant, {}));
+  graph->removeTensor(constant->getName());
+  successor->setName(constant->getName());
+  graph->addTensor(successor);
 }
 
 }  // namespace netforge::graphrefiner

@@ -17,6 +17,8 @@ class IrOp;
 
 namespace netforge::graphrefiner {
 
+class MatchedOps;
+
 // The toolbox that the passes share. Free functions without state. Failures are std::runtime_error with the
 // text
 // "<function>: <message>" unless stated otherwise, and end the optimization: nothing is rolled back.
@@ -94,6 +96,10 @@ float halfToFloat(std::uint16_t bits);
 
 /// Whether the application reads the tensor: graph outputs, also updateable and optional ones.
 bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
+/// Whether the application reads an output of a bound op other than the root.
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const std::shared_ptr<ops::IrOp>& root);
+/// Whether neither a tensor nor an op bears the name.
+bool isFreeName(const std::shared_ptr<IrGraph>& graph, const std::string& name);
 /// Whether IrGraph::squash of this op into this input would go through as the graph stands.
 bool canSquash(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
                const std::shared_ptr<IrTensor>& input, bool keepInput);
@@ -161,6 +167,16 @@ void replaceAllUsers(const std::shared_ptr<IrGraph>& graph, const std::shared_pt
 /// `from` is no graph output. Names are the caller's work, afterwards.
 void handOverGraphOutput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& from,
                          const std::shared_ptr<IrTensor>& to);
+/// Behind a graph output: lets `outer`, which an op computes from the graph output `inner`, take over place,
+/// kind, type, encoding and name. `inner` becomes internal and gets the name of `outer`. Nothing happens when
+/// `inner` is no graph output.
+void passGraphOutputOn(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& inner,
+                       const std::shared_ptr<IrTensor>& outer);
+/// Gives `to` the type of `from`, and with it the encoding or the range that the user set.
+void copyTypeAndEncoding(const std::shared_ptr<IrTensor>& from, const std::shared_ptr<IrTensor>& to);
+/// Lets a constant that is not yet in the graph take the readers, the place and the name of another.
+void supersedeConstant(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& constant,
+                       const StaticTensorPtr& successor);
 /// Folds a Transpose of a constant into the constant. Mind the order: OP before GRAPH. With `intoNext` the
 /// constant that the next op reads keeps the name of the constant that it replaces, unless the application
 /// reads that one by this name; else it gets the name of the Transpose's output. Does nothing when the input

@@ -65,12 +65,7 @@ void takeOverGraphOutput(const GraphPtr& graph, const TensorPtr& input, const Te
     graph->updateTensorName(output->getName(), outputName);
   }
   handOverGraphOutput(graph, input, output);
-  const QuantInfo& record = input->getQuantInfo();
-  if (input->isQuantized()) {
-    output->setQInfo(input->getDataType(), record);
-  } else if (record.isOverridden && isFloatDataType(input->getDataType())) {
-    output->setFloatQInfo(input->getDataType(), record);
-  }
+  copyTypeAndEncoding(input, output);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ ROUNDING = frozenset(
     (
         "FoldSoftmax", "ExpandGruOpStructure", "FullyConnectedToHadamard", "FoldHadamardWithMul",
         "SquashConstantInput", "MatchGeluApprox", "ExpandLstmOpStructure", "SquashBatchnorm", "ExpandInverse",
-        "RemoveInverseTransposePair",
+        "RemoveInverseTransposePair", "AdjustNormOpBuffers",
     )
 )  # fmt: skip
 
