@@ -94,7 +94,7 @@ def gathering(b: Builder) -> None:
     dims = _high_dims(b, rank)
     axis = b.rng.randrange(rank)
     x = _high_tensor(b, dims)
-    shape = [b.pick([1, 2, 3]) for _ in range(b.pick([0, 1, 1, 2, 3, 4]))]
+    shape = [b.pick([1, 2, 3]) for _ in range(b.pick([1, 1, 2, 3, 4]))]
     b.share(b.op("Gather", [x, _indices(b, shape, dims[axis])], axis=axis))
 
 
