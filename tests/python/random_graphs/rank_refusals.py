@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import itertools
 import math
 from collections.abc import Callable
 
@@ -66,7 +67,7 @@ def _scatter(op: netforge.IrOp) -> bool:
 
 def _transpose(op: netforge.IrOp) -> bool:
     order, dims = _numbers(op, "perm"), list(op.inputs[0].dims)
-    pieces = 1 + sum(b != a + 1 for a, b in zip(order, order[1:], strict=False))
+    pieces = 1 + sum(b != a + 1 for a, b in itertools.pairwise(order))
     return min(pieces, sum(size != 1 for size in dims)) > LIMIT and len(dims) > LIMIT + 1
 
 
