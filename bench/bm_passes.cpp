@@ -1,5 +1,6 @@
-// What the passes that fold or move Transposes and Reshapes cost on graphs of growing size, run as the
-// manager runs them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
+// What the passes that fold or move Transposes and Reshapes, and the one that lowers high ranks, cost on
+// graphs of growing size, run as the manager runs them. The counter "per_op" is the time per op of the chain;
+// growth.py shows how it grows.
 
 #include <benchmark/benchmark.h>
 #include <ctime>
@@ -198,6 +199,14 @@ int main(int argc, char** argv) {
   bench("ReduceEltwiseBinTranspose", PassId::ReduceEltwiseBinTranspose,
         {image, {channelLast, sum("@"), transpose({0, 3, 1, 2})}});
   bench("PermuteAxisToLast", PassId::PermuteAxisToLast, {image, {{"Softmax", {{"axis", OpParam(1u)}}}}});
+  const Dims high{2, 1, 3, 1, 2, 4};
+  const Step softmax{"Softmax", {{"axis", OpParam(2u)}}};
+  const Step unary{"Eltwise_Unary", {{"operation", OpParam(0u)}}};
+  bench("Replace6dOps_reshaped", PassId::Replace6dOps, {high, {unary, softmax}});
+  bench("Replace6dOps_traced", PassId::Replace6dOps, with({high, {unary, softmax}}, false, true));
+  bench("Replace6dOps_transposed", PassId::Replace6dOps,
+        {{2, 2, 2, 2, 2, 2}, {transpose({5, 4, 3, 2, 1, 0})}});
+  bench("Replace6dOps_idle", PassId::Replace6dOps, {image, {softmax}});
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

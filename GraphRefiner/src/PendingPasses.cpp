@@ -15,7 +15,6 @@ namespace netforge::graphrefiner {
 
 NETFORGE_PENDING(HandleGatherNegativeIndices)
 NETFORGE_PENDING(MatchSpaceToDepth)
-NETFORGE_PENDING(Replace6dOps)
 NETFORGE_PENDING(OptimizeGatherND)
 NETFORGE_PENDING(OptimizeDepthToSpace)
 NETFORGE_PENDING(RemoveCastIdentity)

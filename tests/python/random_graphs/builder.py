@@ -96,7 +96,8 @@ class Builder:
         if self.is_dynamic and dims and self.chance(0.5):
             sizes[0] = "?" + sizes[0]
         self.write(f"in {name}[{','.join(sizes)}] {words}")
-        self.names.append(name)
+        if "FLOAT_32" in self.graph.getTensor(name).dataType.name:
+            self.names.append(name)
         return name
 
     def tensor(self, dims: Sequence[int], words: str = "") -> str:

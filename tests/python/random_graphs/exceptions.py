@@ -14,6 +14,7 @@ import netforge
 import numpy as np
 
 from random_graphs.evaluator import Node, Values, data_of
+from random_graphs.rank_refusals import is_refused
 
 # Equal on reals, but computed in another order or from constants that were rounded: 1e-5 of the largest
 # value. All other passes must give the same bits.
@@ -212,7 +213,7 @@ def _no_whole_indices(graph: netforge.IrGraph, values: Values) -> bool:
 @_exception("Replace6dOps", kinds=("throws",))
 def _refused_rank(graph: netforge.IrGraph, values: Values) -> bool:
     """An op of high rank that can't be lowered ends the optimization."""
-    return any(tensor.rank > 5 for op in graph.ops for tensor in (*op.inputs, *op.outputs))
+    return any(is_refused(op) for op in graph.ops)
 
 
 def _chain(op: netforge.IrOp, *types: str) -> list[netforge.IrOp]:
