@@ -81,6 +81,10 @@ bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value) 
   return allElementsEqual(tensor, value);
 }
 
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint16_t value) {
+  return allElementsEqual(tensor, value);
+}
+
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value) {
   return allElementsEqual(tensor, value);
 }
