@@ -121,7 +121,7 @@ TEST(MatchTopK, ComparesEncodings) {
                               "hasMatchingIOEncodings: MatchTopKPass: Skipping fusion for ReduceMax 'm' + "
                               "Argmax 'i': ReduceMax ";
   const std::string front =
-      "m_topk_0_pre_transpose_10 = Transpose(x) perm=[1,0]\n m_topk_0: m_topk_0_values ";
+      "m_topk_0_pre_transpose_10 noquant = Transpose(x) perm=[1,0]\n m_topk_0: m_topk_0_values ";
   const std::string back =
       ", m_topk_0_indices = TopK(m_topk_0_pre_transpose_10) k=1 largest=true\n"
       "m_topk_0_post_transpose_indice_10: i i32 = Transpose(m_topk_0_indices) perm=[1,0]\n"

@@ -175,9 +175,8 @@ TEST(SquashBatchnorm, LeavesOtherReadersTheirConstants) {
       replacedText(replacedText(after(kConv, true, "_fused_bn"), "w_fused", "c_kernel_weight_fused"),
                    "b_fused", "c_kernel_bias_fused");
   const std::string untouched = "const w" + w + " = iota 1\n const b[4] = iota 1 2\n";
-  const std::string place = "\n c";
   const auto with = [&](std::string text, const std::string& added) {
-    return text.insert(text.find(place) + 1, added);
+    return text.insert(std::min(text.find("\n c["), text.find("\n c:")) + 1, added);
   };
   expectPass(
       PassId::SquashBatchnorm,

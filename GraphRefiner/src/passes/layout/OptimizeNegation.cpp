@@ -34,11 +34,6 @@ bool isNegation(const OpPtr& op) {
          operation->second.attrType == ORLO_PARAMTYPE_SCALAR && operation->second.intValue == kNegate;
 }
 
-// A constant that can be looked at element by element; a scalar of rank 0 counts no elements.
-bool hasElements(const StaticTensorPtr& constant) {
-  return constant->getRank() != 0;
-}
-
 }  // namespace
 
 bool isAllMinusOne(const StaticTensorPtr& tensor) {
@@ -78,7 +73,7 @@ bool OptimizeNegationMultiplyRule::rewriteCallback(GraphPtr& graph, MatchedOps& 
   if (!constant || !factor || root->numInputs() != 2) return false;
   if (factor->getShape() != root->getOutput(0)->getShape()) return false;
   const std::string name = root->getName() + "_neg";
-  if (graph->hasOp(name) || !hasElements(constant) || !isAllMinusOne(constant)) return false;
+  if (graph->hasOp(name) || !isAllMinusOne(constant)) return false;
 
   // ---- edits ----
   const OpPtr negation = createOp("Eltwise_Unary", name, {{"operation", kNegate}});
