@@ -169,7 +169,7 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   folded->setExplicitPermuteOrder(output->getPermuteOrder());
 
   replaceOutputByConstant(graph, op, folded, false);
-  if (intoNext) graph->swapTensorNames(constant->getName(), folded->getName());
+  if (intoNext && !isGraphOutput(constant)) graph->swapTensorNames(constant->getName(), folded->getName());
 }
 
 }  // namespace netforge::graphrefiner
