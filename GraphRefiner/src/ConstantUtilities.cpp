@@ -158,6 +158,13 @@ void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::stri
   ops::replaceUint32Values(op->getAttributes(), attribute, values);
 }
 
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation) {
+  const auto& attributes = op->getAttributes()->entries();
+  const auto entry = attributes.find("operation");
+  return entry != attributes.end() && entry->second.attrType == ORLO_PARAMTYPE_SCALAR &&
+         entry->second.isIntegerType() && entry->second.intValue == operation;
+}
+
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op) {
   if (!op) return nullptr;
   const auto inputs = op->getInputs();

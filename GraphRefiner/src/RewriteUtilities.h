@@ -62,6 +62,8 @@ Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose);
 /// Replaces a list attribute by an unsigned 32-bit one of dims [n] under the same tensor name.
 void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
                            const std::vector<std::uint32_t>& values);
+/// Whether the op has the integer attribute "operation" of the elementwise ops, with this value.
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation);
 /// The first input that is not static; null when there is none, and for a null op.
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op);
 

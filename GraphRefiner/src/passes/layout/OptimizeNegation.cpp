@@ -27,11 +27,7 @@ PatternPtr makeNegation() {
 }
 
 bool isNegation(const OpPtr& op) {
-  if (!op || op->getType() != "Eltwise_Unary" || op->numInputs() != 1) return false;
-  const auto& attributes = op->getAttributes()->entries();
-  const auto operation = attributes.find("operation");
-  return operation != attributes.end() && operation->second.isIntegerType() &&
-         operation->second.attrType == ORLO_PARAMTYPE_SCALAR && operation->second.intValue == kNegate;
+  return op && op->getType() == "Eltwise_Unary" && op->numInputs() == 1 && hasOperation(op, kNegate);
 }
 
 }  // namespace

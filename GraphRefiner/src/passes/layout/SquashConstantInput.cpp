@@ -54,13 +54,6 @@ ElementReader elementReader(DataType type) {
   }
 }
 
-bool isGelu(const std::shared_ptr<ops::IrOp>& op) {
-  const auto& attributes = op->getAttributes()->entries();
-  const auto operation = attributes.find("operation");
-  return operation != attributes.end() && operation->second.isIntegerType() &&
-         operation->second.attrType == ORLO_PARAMTYPE_SCALAR && operation->second.intValue == kGelu;
-}
-
 std::vector<float> computeGelu(const std::uint8_t* data, std::uint64_t count, ReadAsFloat read) {
   std::vector<float> values(count);
   for (std::uint64_t i = 0; i < count; ++i) {
@@ -79,7 +72,7 @@ SquashConstantInputPass::SquashConstantInputPass() {
 
 bool SquashConstantInputPass::handleNeuronOp(std::shared_ptr<ops::IrOp>& op,
                                              std::shared_ptr<IrGraph>& graph) {
-  if (op->numInputs() != 1 || op->numOutputs() != 1 || !isGelu(op)) return false;
+  if (op->numInputs() != 1 || op->numOutputs() != 1 || !hasOperation(op, kGelu)) return false;
   const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(op->getInput(0));
   if (!constant || constant->isQuantized()) return false;
   const ElementReader reader = elementReader(constant->getDataType());
