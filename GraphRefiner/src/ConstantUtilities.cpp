@@ -81,6 +81,10 @@ bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value) 
   return allElementsEqual(tensor, value);
 }
 
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint16_t value) {
+  return allElementsEqual(tensor, value);
+}
+
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value) {
   return allElementsEqual(tensor, value);
 }
@@ -152,6 +156,13 @@ Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose) {
 void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
                            const std::vector<std::uint32_t>& values) {
   ops::replaceUint32Values(op->getAttributes(), attribute, values);
+}
+
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation) {
+  const auto& attributes = op->getAttributes()->entries();
+  const auto entry = attributes.find("operation");
+  return entry != attributes.end() && entry->second.attrType == ORLO_PARAMTYPE_SCALAR &&
+         entry->second.isIntegerType() && entry->second.intValue == operation;
 }
 
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op) {

@@ -123,6 +123,20 @@ void replaceAllUsers(const GraphPtr& graph, const TensorPtr& givenNew, const Ten
   graph->swapTensorNames(newTensor->getName(), oldTensor->getName());
 }
 
+void replaceOutputByConstant(const GraphPtr& graph, const OpPtr& givenOp, const StaticTensorPtr& constant,
+                             bool strict) {
+  const OpPtr op = givenOp;
+  const TensorPtr output = op->getOutput(0);
+  const auto sources =
+      graph->collectTraceSources({{TraceKind::Op, op->getName()}, {TraceKind::Tensor, output->getName()}});
+  for (const OpPtr& consumer : consumersInGraphOrder(*graph, output->getConsumers())) {
+    graph->addTraceSources(TraceKind::Op, consumer->getName(), sources);
+  }
+  handOverGraphOutput(graph, output, constant);
+  replaceAllUsers(graph, constant, output, strict);
+  graph->prune(op, false);
+}
+
 void handOverGraphOutput(const GraphPtr& graph, const TensorPtr& givenFrom, const TensorPtr& givenTo) {
   const TensorPtr from = givenFrom;
   const TensorPtr to = givenTo;

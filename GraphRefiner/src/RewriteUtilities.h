@@ -38,6 +38,8 @@ float getConstValue(const StaticTensorPtr& tensor);
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value);
 /// The same for elements read as bytes, for BOOL_8 data.
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value);
+/// The same for elements read as 16-bit patterns.
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint16_t value);
 /// The same for elements read as signed 32-bit integers.
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value);
 /// Whether some element, read as signed 32-bit, is below zero; false without elements, and when there are
@@ -62,6 +64,8 @@ Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose);
 /// Replaces a list attribute by an unsigned 32-bit one of dims [n] under the same tensor name.
 void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
                            const std::vector<std::uint32_t>& values);
+/// Whether the op has the integer attribute "operation" of the elementwise ops, with this value.
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation);
 /// The first input that is not static; null when there is none, and for a null op.
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op);
 
@@ -128,6 +132,10 @@ bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std:
 /// Whether the tensor's quantisation differs along its axes, so that it doesn't outlive a change of layout.
 bool isEncodedAlongAxes(const IrTensor& tensor);
 
+/// Whether the op permutes a constant that it alone reads, of a type that can be permuted, and the name that
+/// `squashConstantTranspose` would give is free.
+bool isFoldableConstantTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
+
 // --- edits ---
 
 /// Makes input `index` of the op arrive through a Transpose with that order: one that the tensor feeds
@@ -162,6 +170,10 @@ void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::s
 /// else it throws.
 void replaceAllUsers(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& newTensor,
                      const std::shared_ptr<IrTensor>& oldTensor, bool strict);
+/// Lets a new constant of the graph stand for the only output of an op: it takes over readers, name, trace
+/// and the place among the graph's outputs, and the op is removed. Throws as `replaceAllUsers` does.
+void replaceOutputByConstant(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
+                             const StaticTensorPtr& constant, bool strict);
 /// Lets `to` stand for the graph output `from`: it takes the place and the kind (updateable and optional
 /// outputs keep theirs), and `from` becomes native, or the input that it was besides. Nothing happens when
 /// `from` is no graph output. Names are the caller's work, afterwards.

@@ -159,6 +159,14 @@ void injectTranspose(const GraphPtr& graph, const std::string& tensorName, const
   output->setExplicitPermuteOrder(outputOrder);
 }
 
+bool isFoldableConstantTranspose(const GraphPtr& graph, const OpPtr& op) {
+  if (op->numInputs() == 0) return false;
+  const TensorPtr constant = op->getInput(0);
+  return constant->isStatic() && constant->getConsumers().size() < 2 &&
+         isTransposableType(constant->getDataType()) &&
+         !graph->hasTensor(joinNameParts(op->getName(), constant->getName(), "", ""));
+}
+
 void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool intoNext) {
   const OpPtr op = givenOp;
   const TensorPtr output = op->getOutput(0);
@@ -180,15 +188,8 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   graph->addTensor(folded);
   folded->setExplicitPermuteOrder(output->getPermuteOrder());
 
-  const auto sources =
-      graph->collectTraceSources({{TraceKind::Op, op->getName()}, {TraceKind::Tensor, output->getName()}});
-  for (const OpPtr& consumer : consumersInGraphOrder(*graph, output->getConsumers())) {
-    graph->addTraceSources(TraceKind::Op, consumer->getName(), sources);
-  }
-  handOverGraphOutput(graph, output, folded);
-  replaceAllUsers(graph, folded, output, false);
+  replaceOutputByConstant(graph, op, folded, false);
   if (intoNext && !isGraphOutput(constant)) graph->swapTensorNames(constant->getName(), folded->getName());
-  graph->prune(op, false);
 }
 
 }  // namespace netforge::graphrefiner

@@ -130,7 +130,8 @@ def _image(b: Builder, rank: int, channels: int) -> str:
     return b.tensor([batch, *sizes, channels] if b.spatial_first else [batch, channels, *sizes])
 
 
-def _convolution(b: Builder, x: str) -> None:
+def convolution(b: Builder, bias: float) -> str:
+    """The output of one of any kind, which has a bias with that probability."""
     spatial, group = b.pick([2, 2, 3]), b.pick([1, 1, 2])
     inputs, outputs = group * b.pick([1, 2]), group * b.pick([1, 3])
     transposed = b.chance(0.3)
@@ -147,15 +148,21 @@ def _convolution(b: Builder, x: str) -> None:
     attributes: dict[str, object] = {} if depthwise else {"group": group}
     if not transposed:
         attributes["dilation"] = [b.pick([1, 1, 2]) if size < 3 else 1 for size in kernel]
-    y = b.op(
+    y: str = b.op(
         f"{name}{spatial}d",
-        [_image(b, spatial + 2, inputs), weight] + ([b.random_constant([outputs])] if b.chance(0.6) else []),
+        [_image(b, spatial + 2, inputs), weight] + ([b.random_constant([outputs])] if b.chance(bias) else []),
         stride=[b.pick([1, 2]) for _ in kernel],
         pad_amount=[[b.pick([0, 1]), b.pick([0, 1])] for _ in kernel],
         **attributes,
     )
+    return y
+
+
+def _convolution(b: Builder, x: str) -> None:
+    y = convolution(b, 0.6)
     if b.chance(0.3):
-        b.op("Batchnorm", [y, b.random_constant([outputs]), b.random_constant([outputs])])
+        channels = b.dims(y)[-1 if b.spatial_first else 1]
+        b.op("Batchnorm", [y, b.random_constant([channels]), b.random_constant([channels])])
 
 
 def _pooling(b: Builder, x: str) -> None:

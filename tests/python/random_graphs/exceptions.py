@@ -177,8 +177,12 @@ def _grouped_transposed_conv(graph: netforge.IrGraph, values: Values) -> bool:
         if producer is None or not producer.type.startswith("TransposeConv"):
             continue
         group = int(producer.attributes.get("group", 1))
-        gamma = values[op.inputs[1].name].reshape(group, -1)
-        if group > 1 and bool((gamma != gamma[0]).any()):
+        gamma = values[op.inputs[1].name]
+        if (
+            group > 1
+            and gamma.size > 1
+            and bool((gamma.reshape(group, -1) != gamma[: gamma.size // group]).any())
+        ):
             return True
     return False
 
