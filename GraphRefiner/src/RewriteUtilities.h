@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ class IrOp;
 
 namespace netforge::graphrefiner {
 
+class MatchedOps;
+
 // The toolbox that the passes share. Free functions without state. Failures are std::runtime_error with the
 // text
 // "<function>: <message>" unless stated otherwise, and end the optimization: nothing is rolled back.
@@ -30,6 +33,8 @@ using Permutation = std::vector<std::uint32_t>;
 /// The value of a one-element tensor of type INT_32, UINT_32, FLOAT_16 or FLOAT_32. Throws for a null tensor,
 /// another number of elements and another type.
 float getConstValue(const StaticTensorPtr& tensor);
+/// The same for any tensor: none unless it is a constant that `getConstValue` reads.
+std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor);
 /// Whether all elements, read as 32-bit floats whatever the type, equal the value exactly (a NaN never does).
 /// False when there are fewer bytes than that. Throws for a null tensor and one without elements (rank 0 has
 /// none).
@@ -94,6 +99,10 @@ float halfToFloat(std::uint16_t bits);
 
 /// Whether the application reads the tensor: graph outputs, also updateable and optional ones.
 bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
+/// Whether the application reads an output of a bound op other than the root.
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const std::shared_ptr<ops::IrOp>& root);
+/// Whether neither a tensor nor an op bears the name.
+bool isFreeName(const std::shared_ptr<IrGraph>& graph, const std::string& name);
 /// Whether IrGraph::squash of this op into this input would go through as the graph stands.
 bool canSquash(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
                const std::shared_ptr<IrTensor>& input, bool keepInput);
@@ -137,6 +146,13 @@ void injectTranspose(const std::shared_ptr<IrGraph>& graph, const std::string& t
 void dropComputedInputs(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 /// Removes the op that computes a tensor when nobody reads any of its outputs any more.
 void removeDeadProducer(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor);
+/// Adds a copy of a constant under a free name. The copy is internal also where the application reads the
+/// original.
+StaticTensorPtr copyConstant(const std::shared_ptr<IrGraph>& graph, const StaticTensorPtr& constant,
+                             const std::string& name);
+/// Lets input `index` of the op read another tensor. Other inputs that read the old one go on doing so.
+void setInputTensor(const std::shared_ptr<ops::IrOp>& op, std::uint32_t index,
+                    const std::shared_ptr<IrTensor>& tensor);
 /// Gives the op a copy of its own of a static input that others read too: "<op>_kernel_weight" for input 1,
 /// "<op>_kernel_bias" for every other.
 void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
