@@ -167,7 +167,7 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   }
   handOverGraphOutput(graph, output, folded);
   replaceAllUsers(graph, folded, output, false);
-  if (intoNext) graph->swapTensorNames(constant->getName(), folded->getName());
+  if (intoNext && !isGraphOutput(constant)) graph->swapTensorNames(constant->getName(), folded->getName());
   graph->prune(op, false);
 }
 
