@@ -75,7 +75,7 @@ float getConstValue(const StaticTensorPtr& tensor) {
 
 std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor) {
   const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(tensor);
-  if (!constant || constant->elements() != 1) return std::nullopt;
+  if (!constant || constant->isUpdateable() || constant->elements() != 1) return std::nullopt;
   switch (constant->getDataType()) {
     case ORLO_DATATYPE_INT_32:
     case ORLO_DATATYPE_UINT_32:

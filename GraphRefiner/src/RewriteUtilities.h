@@ -33,7 +33,8 @@ using Permutation = std::vector<std::uint32_t>;
 /// The value of a one-element tensor of type INT_32, UINT_32, FLOAT_16 or FLOAT_32. Throws for a null tensor,
 /// another number of elements and another type.
 float getConstValue(const StaticTensorPtr& tensor);
-/// The same for any tensor: none unless it is a constant that `getConstValue` reads.
+/// The same for any tensor: none unless it is a constant that `getConstValue` reads and that keeps its value
+/// after compilation.
 std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor);
 /// Whether all elements, read as 32-bit floats whatever the type, equal the value exactly (a NaN never does).
 /// False when there are fewer bytes than that. Throws for a null tensor and one without elements (rank 0 has

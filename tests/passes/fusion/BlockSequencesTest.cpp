@@ -48,14 +48,12 @@ TEST(MatchSpaceToDepth, ReplacesTheSequence) {
         .before = blocksToChannels("z = Relu(y)\n out z\n out y"),
         .after = head + back + "out y",
         .allow = kOutputsChange | kValuesChange},
-       {.fault = "other dims at the end pass", .before = blocksToChannels("out y", "[1,12,3,2]")},
-       {.fault = "the block is read off another axis",
-        .before = blocksToChannels("out y", "[1,12,2,3]", "[1,3,4,1,3,2]")},
-       {.fault = "the application reads a tensor between", .before = blocksToChannels("out y\n out e")},
-       {.fault = "somebody else reads a tensor between",
-        .before = blocksToChannels("z = Relu(c)\n out y\n out z")},
-       {.fault = "a taken name ends the run",
-        .before = "in x.nhwc[1]\n" + blocksToChannels("z = Relu(x.nhwc)\n out y\n out z")}});
+       {"other dims at the end pass", blocksToChannels("out y", "[1,12,3,2]")},
+       {"the block is read off another axis", blocksToChannels("out y", "[1,12,2,3]", "[1,3,4,1,3,2]")},
+       {"the application reads a tensor between", blocksToChannels("out y\n out e")},
+       {"somebody else reads a tensor between", blocksToChannels("z = Relu(c)\n out y\n out z")},
+       {"a taken name ends the run",
+        "in x.nhwc[1]\n" + blocksToChannels("z = Relu(x.nhwc)\n out y\n out z")}});
 }
 
 // The later sequence is met first, and its Transpose has to stand in front of the earlier one as well.
@@ -107,7 +105,7 @@ TEST(OptimizeDepthToSpace, JoinsTheThirds) {
     };
     reorder(after.weights);
     reorder(after.bias);
-    cases.push_back({.fault = fault, .before = before.text(), .after = after.joined()});
+    cases.push_back({fault, before.text(), after.joined()});
   };
   joins("the channels of weights or bias have another order", {});
   joins("a reader of the result is lost", {.rest = "z = Relu(y)\n out z\n"});
@@ -128,6 +126,7 @@ TEST(OptimizeDepthToSpace, Refuses) {
   const std::vector<std::pair<std::string, Blocks>> rows = {
       {"weights of another type", {.weights = "const w[1,1,1,12] i32" + kOld}},
       {"a bias of another type", {.bias = "const b[12] u32" + kOld}},
+      {"weights that can be updated", {.weights = "const w[1,1,1,12] f32 updateable" + kOld}},
       {"a computed bias", {.bias = "in i[12]\n b = Relu(i)\n"}},
       {"weights that others read", {.rest = "z = Relu(w)\n out y\n out z\n"}},
       {"a bias that the application reads", {.rest = "out y\n out b\n"}},
@@ -140,7 +139,7 @@ TEST(OptimizeDepthToSpace, Refuses) {
         .concat = "in q[1,4,5,4]\n g = DepthToSpace(q) block_size=[2,2] mode=0\n"
                   "y = Concat(d, e, g) axis=3\n k = Relu(f)\n out k\n"}}};
   std::vector<PassCase> cases;
-  for (const auto& [fault, blocks] : rows) cases.push_back({.fault = fault, .before = blocks.text()});
+  for (const auto& [fault, blocks] : rows) cases.push_back({fault, blocks.text()});
   cases.push_back({.fault = "an encoding per channel stays behind",
                    .before = Blocks{.weights = "const w[1,1,1,12] uq8 scale=0.5" + kOld}.text(),
                    .prepare = [](IrGraph& graph) {

@@ -17,16 +17,15 @@ TEST(FoldConcats, FoldsEveryLevel) {
         .before = inputs + "m = Concat(b, c) axis=1\n y = Concat(a, m, b) axis=1\n z = Relu(y)\n out z",
         .after = inputs + "y = Concat(a, b, c, b) axis=1\n z = Relu(y)\n out z",
         .prints = ""},
-       {.fault = "a deep tree isn't folded to its end",
-        .before = inputs + "l = Concat(a, a) axis=1\n m = Concat(l, b) axis=1\n n = Concat(c, b) axis=1\n"
-                           "y = Concat(m, n) axis=1\n z = Relu(y)\n out z",
-        .after = inputs + "y = Concat(a, a, b, c, b) axis=1\n z = Relu(y)\n out z"},
-       {.fault = "an inner Concat that is read twice loses a place",
-        .before = inputs + "m = Concat(a, b) axis=1\n y = Concat(m, c, m) axis=1\n z = Relu(y)\n out z",
-        .after = inputs + "y = Concat(a, b, c, a, b) axis=1\n z = Relu(y)\n out z"},
-       {.fault = "a graph output is rewired",
-        .before = inputs + "m = Concat(a, b) axis=1\n"
-                           "y = Concat(m, c) axis=1\n out y"},
+       {"a deep tree isn't folded to its end",
+        inputs + "l = Concat(a, a) axis=1\n m = Concat(l, b) axis=1\n n = Concat(c, b) axis=1\n"
+                 "y = Concat(m, n) axis=1\n z = Relu(y)\n out z",
+        inputs + "y = Concat(a, a, b, c, b) axis=1\n z = Relu(y)\n out z"},
+       {"an inner Concat that is read twice loses a place",
+        inputs + "m = Concat(a, b) axis=1\n y = Concat(m, c, m) axis=1\n z = Relu(y)\n out z",
+        inputs + "y = Concat(a, b, c, a, b) axis=1\n z = Relu(y)\n out z"},
+       {"a graph output is rewired", inputs + "m = Concat(a, b) axis=1\n"
+                                              "y = Concat(m, c) axis=1\n out y"},
        {.fault = "where the parts come from is forgotten",
         .before = inputs + "m = Concat(b, c) axis=1\n y = Concat(a, m) axis=1\n z = Relu(y)\n out z",
         .after = inputs + "y = Concat(a, b, c) axis=1\n z = Relu(y)\n out z",
@@ -63,23 +62,20 @@ TEST(SquashPad, RemovesWhatAddsNothing) {
   const std::string zero = "pad_amount=[[0,0],[0,0]] scheme=0\n";
   expectPass(
       PassId::SquashPad,
-      {{.fault = "behind an op it stays",
-        .before = relu + "p = Pad(r) " + zero + "y = Relu(p)\n out y",
-        .after = input + "r: p = Relu(x)\n y = Relu(p)\n out y"},
-       {.fault = "a graph input loses its name",
-        .before = input + "p = Pad(x) " + zero + "y = Relu(p)\n out y",
-        .after = input + "y = Relu(x)\n out y"},
-       {.fault = "a constant loses its name",
-        .before = "const c[2,3] = iota\n p = Pad(c) " + zero + "y = Relu(p)\n out y",
-        .after = "const c[2,3] = iota\n y = Relu(c)\n out y"},
-       {.fault = "one amount at the end counts as none",
-        .before = relu + "p = Pad(r) pad_amount=[[0,0],[0,1]] scheme=0\n y = Relu(p)\n out y"},
-       {.fault = "a second reader sees another tensor",
-        .before = relu + "p = Pad(r) " + zero + "y = Relu(p)\n z = Relu(r)\n out y\n out z"},
-       {.fault = "a graph output goes", .before = relu + "p = Pad(r) " + zero + "out p"},
-       {.fault = "a Pad of an input that nobody reads ends the run", .before = input + "p = Pad(x) " + zero},
-       {.fault = "a Pad without readable amounts ends the run",
-        .before = relu + "p = plain Pad(r)\n q = plain Pad(p) pad_amount=[0.5]\n y = Relu(q)\n out y"}});
+      {{"behind an op it stays", relu + "p = Pad(r) " + zero + "y = Relu(p)\n out y",
+        input + "r: p = Relu(x)\n y = Relu(p)\n out y"},
+       {"a graph input loses its name", input + "p = Pad(x) " + zero + "y = Relu(p)\n out y",
+        input + "y = Relu(x)\n out y"},
+       {"a constant loses its name", "const c[2,3] = iota\n p = Pad(c) " + zero + "y = Relu(p)\n out y",
+        "const c[2,3] = iota\n y = Relu(c)\n out y"},
+       {"one amount at the end counts as none",
+        relu + "p = Pad(r) pad_amount=[[0,0],[0,1]] scheme=0\n y = Relu(p)\n out y"},
+       {"a second reader sees another tensor",
+        relu + "p = Pad(r) " + zero + "y = Relu(p)\n z = Relu(r)\n out y\n out z"},
+       {"a graph output goes", relu + "p = Pad(r) " + zero + "out p"},
+       {"a Pad of an input that nobody reads ends the run", input + "p = Pad(x) " + zero},
+       {"a Pad without readable amounts ends the run",
+        relu + "p = plain Pad(r)\n q = plain Pad(p) pad_amount=[0.5]\n y = Relu(q)\n out y"}});
 }
 
 TEST(FoldSoftmax, FoldsAPositiveScale) {
@@ -92,21 +88,20 @@ TEST(FoldSoftmax, FoldsAPositiveScale) {
        {"const s[1] = 3", "const s[1,1] f16 = 3", "const s[1] i32 = 3", "const s[1] u32 = 3"}) {
     const std::string front = "in x[2,5]\n" + constant + "\n";
     for (const std::string operands : {"(x, s)", "(s, x)"}) {
-      cases.push_back(
-          {.fault = constant + " stays at " + operands,
-           .before = front + "m[2,5] f32 = Eltwise_Binary" + operands + " operation=13\n" + softmax,
-           .after = folded(front, "1.5")});
+      cases.push_back({constant + " stays at " + operands,
+                       front + "m[2,5] f32 = Eltwise_Binary" + operands + " operation=13\n" + softmax,
+                       folded(front, "1.5")});
     }
   }
   const std::string front = "in x[2,5]\n const s[1] = 3\n";
-  cases.push_back({.fault = "an absent beta counts as 0",
-                   .before = front + "m = Eltwise_Binary(x, s) operation=13\n y = Softmax(m) axis=1\n out y",
-                   .after = folded(front, "3.0")});
-  cases.push_back({.fault = "of two constants the data goes",
-                   .before = "const x[2,5] = iota\n const s[1] = 3\n"
-                             "m = Eltwise_Binary(x, s) operation=13\n" +
-                             softmax,
-                   .after = folded("const x[2,5] = iota\n const s[1] = 3\n", "1.5")});
+  cases.push_back({"an absent beta counts as 0",
+                   front + "m = Eltwise_Binary(x, s) operation=13\n y = Softmax(m) axis=1\n out y",
+                   folded(front, "3.0")});
+  cases.push_back({"of two constants the data goes",
+                   "const x[2,5] = iota\n const s[1] = 3\n"
+                   "m = Eltwise_Binary(x, s) operation=13\n" +
+                       softmax,
+                   folded("const x[2,5] = iota\n const s[1] = 3\n", "1.5")});
   expectPass(PassId::FoldSoftmax, cases);
 }
 
@@ -116,26 +111,26 @@ TEST(FoldSoftmax, Refuses) {
            "y = Softmax(m) axis=1\n out y\n" + rest;
   };
   const std::string sum = "in x[2,5]\n const s[1] = 3\n m = Eltwise_Binary(x, s) operation=0\n";
-  expectPass(
-      PassId::FoldSoftmax,
-      {{.fault = "zero", .before = graph("[2,5]", "[1] = 0", "")},
-       {.fault = "a negative scale", .before = graph("[2,5]", "[1] = -3", "")},
-       {.fault = "not a number", .before = graph("[2,5]", "[1] = nan", "")},
-       {.fault = "two elements", .before = graph("[2,2]", "[2] = 3 3", "")},
-       {.fault = "a type whose value isn't read", .before = graph("[2,5] u8", "[1] u8 = 3", "")},
-       {.fault = "a constant that lifts the rank", .before = graph("[5]", "[1,1] = 3", "")},
-       {.fault = "quantised data", .before = graph("[2,5] uq8 scale=0.5", "[1] = 3", "")},
-       {.fault = "data with a range", .before = graph("[2,5] range=0/1", "[1] = 3", "")},
-       {.fault = "a scale with a range", .before = graph("[2,5]", "[1] range=0/4 = 3", "")},
-       {.fault = "a product with a range",
-        .before = "in x[2,5]\n const s[1] = 3\n m[2,5] f32 range=0/1 = Eltwise_Binary(x, s) operation=13\n"
-                  "y = Softmax(m) axis=1\n out y"},
-       {.fault = "a second reader", .before = graph("[2,5]", "[1] = 3", "z = Relu(m)\n out z")},
-       {.fault = "the product as graph output", .before = graph("[2,5]", "[1] = 3", "out m")},
-       {.fault = "a sum", .before = sum + "y = Softmax(m) axis=1\n out y"},
-       {.fault = "a square of the constant",
-        .before = "const s[1] = 3\n m = Eltwise_Binary(s, s) operation=13\n"
-                  "y = Softmax(m) axis=0\n out y"}});
+  expectPass(PassId::FoldSoftmax,
+             {{"zero", graph("[2,5]", "[1] = 0", "")},
+              {"a negative scale", graph("[2,5]", "[1] = -3", "")},
+              {"not a number", graph("[2,5]", "[1] = nan", "")},
+              {"two elements", graph("[2,2]", "[2] = 3 3", "")},
+              {"a scale that can be updated", graph("[2,5]", "[1] updateable = 3", "")},
+              {"a type whose value isn't read", graph("[2,5] u8", "[1] u8 = 3", "")},
+              {"a constant that lifts the rank", graph("[5]", "[1,1] = 3", "")},
+              {"quantised data", graph("[2,5] uq8 scale=0.5", "[1] = 3", "")},
+              {"data with a range", graph("[2,5] range=0/1", "[1] = 3", "")},
+              {"a scale with a range", graph("[2,5]", "[1] range=0/4 = 3", "")},
+              {"a product with a range",
+               "in x[2,5]\n const s[1] = 3\n m[2,5] f32 range=0/1 = Eltwise_Binary(x, s) operation=13\n"
+               "y = Softmax(m) axis=1\n out y"},
+              {"a second reader", graph("[2,5]", "[1] = 3", "z = Relu(m)\n out z")},
+              {"the product as graph output", graph("[2,5]", "[1] = 3", "out m")},
+              {"a sum", sum + "y = Softmax(m) axis=1\n out y"},
+              {"a square of the constant",
+               "const s[1] = 3\n m = Eltwise_Binary(s, s) operation=13\n"
+               "y = Softmax(m) axis=0\n out y"}});
 }
 
 }  // namespace

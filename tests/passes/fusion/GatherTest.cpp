@@ -13,12 +13,12 @@ TEST(HandleGatherNegativeIndices, CountsFromTheFront) {
   const TraceSource source{"model_indices", TraceKind::Tensor};
   expectPass(
       PassId::HandleGatherNegativeIndices,
-      {{.fault = "the length of another axis is added",
-        .before = x + "const c[2,2] i32 = -1 0 -5 4\n y = Gather(x, c) axis=1\n out y",
-        .after = x + "const c[2,2] i32 = 4 0 0 4\n y = Gather(x, c) axis=1\n out y"},
-       {.fault = "an axis from the end is read as a large one",
-        .before = x + "const c[2] i32 = -1 0\n y[2,5,2] = plain Gather(x, c) axis=-1:i32\n out y",
-        .after = x + "const c[2] i32 = 2 0\n y[2,5,2] = plain Gather(x, c) axis=-1:i32\n out y"},
+      {{"the length of another axis is added",
+        x + "const c[2,2] i32 = -1 0 -5 4\n y = Gather(x, c) axis=1\n out y",
+        x + "const c[2,2] i32 = 4 0 0 4\n y = Gather(x, c) axis=1\n out y"},
+       {"an axis from the end is read as a large one",
+        x + "const c[2] i32 = -1 0\n y[2,5,2] = plain Gather(x, c) axis=-1:i32\n out y",
+        x + "const c[2] i32 = 2 0\n y[2,5,2] = plain Gather(x, c) axis=-1:i32\n out y"},
        {.fault = "one reader's length counts for the other",
         .before = x + "const c[2] i32 = -1 1\n" + shared,
         .after = x + "const z_indices[2] i32 = 2 1\n const c[2] i32 = 4 1\n y = Gather(x, c) axis=1\n"
@@ -30,24 +30,25 @@ TEST(HandleGatherNegativeIndices, CountsFromTheFront) {
               EXPECT_EQ(graph.getTraceInfo(TraceKind::Tensor, "z_indices"), expected);
               EXPECT_EQ(graph.getTraceInfo(TraceKind::Op, "z"), expected);
             }},
-       {.fault = "the application reads other indices than before",
-        .before = x + "const c[1] i32 = -1\n y = Gather(x, c) axis=1\n out y\n out c",
-        .after = x + "const c[1] i32 = -1\n const y_indices[1] i32 = 4\n y = Gather(x, y_indices) axis=1\n"
-                     "out y\n out c"},
-       {.fault = "a copy that can't be made ends the run",
-        .before = "in z_indices[2]\n" + x +
-                  "const c[2] i32 = -1 1\n z = Gather(x, c) axis=2\n"
-                  "w = Relu(c)\n v = Relu(z_indices)\n out z\n out w\n out v"},
-       {.fault = "indices without a negative one change",
-        .before = x + "const c[2] i32 = 1 0\n y = Gather(x, c) axis=1\n out y"},
-       {.fault = "halves of 64-bit indices change",
-        .before = x + "const c[2] i64 = -1 0\n y = Gather(x, c) axis=1\n out y"},
-       {.fault = "the bytes of a float count as an index",
-        .before = x + "const c[1] f32 = -1\n y = Gather(x, c) axis=1\n out y"},
-       {.fault = "a constant that is the data too changes its values",
-        .before = "const c[3] i32 = -1 0 2\n y = Gather(c, c) axis=0\n out y"},
-       {.fault = "a placeholder counts as a length",
-        .before = "in x[?5,3]\n const c[1] i32 = -1\n y = Gather(x, c) axis=0\n z[1,3] = Next(y)\n out z"}});
+       {"the application reads other indices than before",
+        x + "const c[1] i32 = -1\n y = Gather(x, c) axis=1\n out y\n out c",
+        x + "const c[1] i32 = -1\n const y_indices[1] i32 = 4\n y = Gather(x, y_indices) axis=1\n"
+            "out y\n out c"},
+       {"a copy that can't be made ends the run",
+        "in z_indices[2]\n" + x +
+            "const c[2] i32 = -1 1\n z = Gather(x, c) axis=2\n"
+            "w = Relu(c)\n v = Relu(z_indices)\n out z\n out w\n out v"},
+       {"indices without a negative one change",
+        x + "const c[2] i32 = 1 0\n y = Gather(x, c) axis=1\n out y"},
+       {"halves of 64-bit indices change", x + "const c[2] i64 = -1 0\n y = Gather(x, c) axis=1\n out y"},
+       {"indices that can be updated change",
+        x + "const c[1] i32 updateable = -1\n y = Gather(x, c) axis=1\n out y"},
+       {"the bytes of a float count as an index",
+        x + "const c[1] f32 = -1\n y = Gather(x, c) axis=1\n out y"},
+       {"a constant that is the data too changes its values",
+        "const c[3] i32 = -1 0 2\n y = Gather(c, c) axis=0\n out y"},
+       {"a placeholder counts as a length",
+        "in x[?5,3]\n const c[1] i32 = -1\n y = Gather(x, c) axis=0\n z[1,3] = Next(y)\n out z"}});
 }
 
 const std::string kCastHead = "netforge::graphrefiner::InjectCastForGatherRule::rewriteCallback: ";
@@ -66,29 +67,27 @@ TEST(InjectCastForGather, CastsIndicesOnce) {
                 "w = Relu(i)\n out y\n out z\n out w",
        .prints = kCastHead + "Injecting" + name + "z's indices input.\n\n" + kCastHead + "Reusing existing" +
                  name + "y's indices input.\n\n"},
-      {.fault = "indices that are the data too give cast data",
-       .before = "in i[5] i64\n y = Gather(i, i) axis=0\n out y",
-       .after = "in i[5] i64\n i_cast[5] i32 srctype=i64 = Cast(i)\n y = Gather(i, i_cast) axis=0\n out y"},
-      {.fault = "an axis of unknown length gets one",
-       .before = "in x[5,3]\n in i[?2] u8\n y = Gather(x, i) axis=0\n z[2,3] = Next(y)\n out z",
-       .after =
-           "in x[5,3]\n in i[?2] u8\n i_cast[?2] i32 srctype=u8 = Cast(i)\n y = Gather(x, i_cast) axis=0\n"
-           "z[2,3] = Next(y)\n out z"},
-      {.fault = "a Cast that moves behind its reader",
-       .before = inputs + castText + "w = Relu(i_cast)\n y = Gather(x, i) axis=0\n out y\n out w",
-       .after = inputs + castText + "w = Relu(i_cast)\n y = Gather(x, i_cast) axis=0\n out y\n out w"},
+      {"indices that are the data too give cast data", "in i[5] i64\n y = Gather(i, i) axis=0\n out y",
+       "in i[5] i64\n i_cast[5] i32 srctype=i64 = Cast(i)\n y = Gather(i, i_cast) axis=0\n out y"},
+      {"an axis of unknown length gets one",
+       "in x[5,3]\n in i[?2] u8\n y = Gather(x, i) axis=0\n z[2,3] = Next(y)\n out z",
+       "in x[5,3]\n in i[?2] u8\n i_cast[?2] i32 srctype=u8 = Cast(i)\n y = Gather(x, i_cast) axis=0\n"
+       "z[2,3] = Next(y)\n out z"},
+      {"a Cast that moves behind its reader",
+       inputs + castText + "w = Relu(i_cast)\n y = Gather(x, i) axis=0\n out y\n out w",
+       inputs + castText + "w = Relu(i_cast)\n y = Gather(x, i_cast) axis=0\n out y\n out w"},
       {.fault = "a third input is ignored",
        .before = inputs + "y[2,3] = plain Gather(x, i, i) axis=0:i32\n out y",
        .prints = ""},
-      {.fault = "a Cast of other indices is reused",
-       .before = taken + "i_cast[2] i32 = Cast(j)\n y = Gather(x, i) axis=0\n out y\n out i_cast"},
-      {.fault = "a Cast to another type is reused",
-       .before = taken + "i_cast[2] f32 = Cast(i)\n y = Gather(x, i) axis=0\n out y\n out i_cast"},
-      {.fault = "an op that bears the name ends the run",
-       .before = taken + "i_cast: k[2] = Relu(j)\n y = Gather(x, i) axis=0\n out y\n out k"}};
+      {"a Cast of other indices is reused",
+       taken + "i_cast[2] i32 = Cast(j)\n y = Gather(x, i) axis=0\n out y\n out i_cast"},
+      {"a Cast to another type is reused",
+       taken + "i_cast[2] f32 = Cast(i)\n y = Gather(x, i) axis=0\n out y\n out i_cast"},
+      {"an op that bears the name ends the run",
+       taken + "i_cast: k[2] = Relu(j)\n y = Gather(x, i) axis=0\n out y\n out k"}};
   for (const std::string type : {"i32", "u32"}) {
-    cases.push_back({.fault = type + " is cast",
-                     .before = "in x[5,3]\n in i[2] " + type + "\n y = Gather(x, i) axis=0\n out y"});
+    cases.push_back(
+        {type + " is cast", "in x[5,3]\n in i[2] " + type + "\n y = Gather(x, i) axis=0\n out y"});
   }
   expectPass(PassId::InjectCastForGather, cases);
 }
@@ -114,19 +113,18 @@ TEST(OptimizeGatherND, TakesRowsAndColumns) {
   std::vector<PassCase> cases;
   for (const std::string product : {"(r, w)", "(w, r)"}) {
     for (const std::string sum : {"(p, c)", "(c, p)"}) {
-      cases.push_back({.fault = "row and column are mixed up for " + product + sum,
-                       .before = flatGather(front, index(product, sum)),
-                       .after = result + read});
+      cases.push_back({"row and column are mixed up for " + product + sum,
+                       flatGather(front, index(product, sum)), result + read});
     }
   }
   const std::string usual = index("(r, w)", "(p, c)");
-  cases.push_back({.fault = "a graph output gets the layout of the GatherNd",
-                   .before = flatGather(front, usual, "z = Relu(y)\n out y\n out z"),
-                   .after = result + "g: g_permute[4,6,2,3] = GatherNd(d, i) batch_dims=0:i32\n"
-                                     "g_permute: y = Transpose(g_permute) perm=[2,3,0,1]\n z = Relu(y)\n"
-                                     "out y\n out z"});
+  cases.push_back({"a graph output gets the layout of the GatherNd",
+                   flatGather(front, usual, "z = Relu(y)\n out y\n out z"),
+                   result + "g: g_permute[4,6,2,3] = GatherNd(d, i) batch_dims=0:i32\n"
+                            "g_permute: y = Transpose(g_permute) perm=[2,3,0,1]\n z = Relu(y)\n"
+                            "out y\n out z"});
   const auto refuses = [&](const std::string& fault, const std::string& before) {
-    cases.push_back({.fault = fault, .before = before});
+    cases.push_back({fault, before});
   };
   const std::string columns = "in x[2,3,5,7]\n in r[4,1] i32\n in c[1,6] i32\n const w[1] i32 = 7\n";
   refuses("indices that broadcast are stacked", flatGather(columns, usual));

@@ -68,7 +68,7 @@ bool isReorderable(const StaticTensorPtr& tensor, std::uint32_t rank, std::uint3
                    std::uint32_t channels) {
   return tensor && width != 0 && tensor->getRank() == rank && tensor->getDims().back() == channels &&
          tensor->getDataSize() == tensor->elements() * width && tensor->getConsumers().size() == 1 &&
-         !isGraphOutput(tensor) && isEncodedAsAWhole(tensor);
+         !tensor->isUpdateable() && !isGraphOutput(tensor) && isEncodedAsAWhole(tensor);
 }
 
 void reorderLastAxis(IrStaticTensor& tensor, std::uint32_t width, const std::vector<std::uint32_t>& table) {

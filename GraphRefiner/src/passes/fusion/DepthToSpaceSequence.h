@@ -20,8 +20,8 @@ namespace netforge::graphrefiner {
 /// Weights and bias are rewritten in place. The order of the channels is that of three thirds with one
 /// output channel each, read in the order of the Split; the rule doesn't test this, and no pipeline runs it.
 /// Refuses: channel-first graphs, grouped convolutions, other element types, encodings per channel, weights
-/// or a bias that others or the application read, further blocks, dynamic axes, interior tensors that others
-/// or the application read.
+/// or a bias that others or the application read or that can be updated, further blocks, dynamic axes,
+/// interior tensors that others or the application read.
 class MatchDepthToSpaceSequence : public MatchAndRewriteRule {
  public:
   MatchDepthToSpaceSequence();

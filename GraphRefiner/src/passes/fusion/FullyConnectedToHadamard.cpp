@@ -80,7 +80,7 @@ bool FullyConnectedToHadamardPass::handleFullyConnected(OpPtr& givenOp, GraphPtr
   const auto input = op->getInput(0);
   const auto weights = std::dynamic_pointer_cast<IrStaticTensor>(op->getInput(1));
   // A flattened input counts as other rows than those that the transform works on.
-  if (!weights || input == weights || input->getShape().hasDynamicAxes() ||
+  if (!weights || weights->isUpdateable() || input == weights || input->getShape().hasDynamicAxes() ||
       input->getShape() != op->getOutput(0)->getShape() || isFlagSet(op, "transpose_a")) {
     return false;
   }

@@ -15,8 +15,8 @@ namespace netforge::graphrefiner {
 ///   after    x -> HadamardTransform(scale 1) -> y
 ///
 /// Refuses: a bias, a transposed or flattened input, dynamic axes, weights that aren't 32-bit or 16-bit
-/// float, and every multiple of the matrix: a product behind the transform is what carries a scale (see
-/// FoldHadamardWithMul).
+/// float or that can be updated, and every multiple of the matrix: a product behind the transform is what
+/// carries a scale (see FoldHadamardWithMul).
 class FullyConnectedToHadamardPass : public OpTransformPass<FullyConnectedToHadamardPass> {
  public:
   FullyConnectedToHadamardPass();

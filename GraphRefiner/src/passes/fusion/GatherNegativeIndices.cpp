@@ -11,9 +11,9 @@ namespace netforge::graphrefiner {
 
 namespace {
 
-bool hasSignedWords(const IrStaticTensor& tensor) {
+bool canCountFromFront(const IrStaticTensor& tensor) {
   const DataType type = tensor.getDataType();
-  return (type == ORLO_DATATYPE_INT_32 || type == ORLO_DATATYPE_UINT_32) &&
+  return !tensor.isUpdateable() && (type == ORLO_DATATYPE_INT_32 || type == ORLO_DATATYPE_UINT_32) &&
          tensor.getDataSize() == tensor.elements() * sizeof(std::int32_t);
 }
 
@@ -41,7 +41,7 @@ bool matchGatherNegativeIndices::rewriteCallback(std::shared_ptr<IrGraph>& graph
   const auto data = gather->getInput(0);
   const auto shared = gather->getInput(1);
   auto indices = std::dynamic_pointer_cast<IrStaticTensor>(shared);
-  if (indices && !hasSignedWords(*indices)) return false;
+  if (indices && !canCountFromFront(*indices)) return false;
   if (!anyElementNegative(indices) || data == shared) return false;
   const std::uint32_t axis = readAxis(gather, "axis", data->getRank());
   if (axis >= data->getRank() || data->getShape().isDynamicDim(axis)) return false;

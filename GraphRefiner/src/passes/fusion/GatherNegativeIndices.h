@@ -12,8 +12,8 @@ namespace netforge::graphrefiner {
 ///
 /// A constant that others or the application read stays as it is; the Gather then gets a copy,
 /// "<gather>_indices".
-/// Refuses: indices that aren't 32-bit integers; a constant that is the data too; an axis of unknown length;
-/// a copy whose name is taken.
+/// Refuses: indices that aren't 32-bit integers or that can be updated; a constant that is the data too; an
+/// axis of unknown length; a copy whose name is taken.
 class matchGatherNegativeIndices : public MatchAndRewriteRule {
  public:
   matchGatherNegativeIndices();
