@@ -10,6 +10,7 @@
 #include <vector>
 #include "GraphRefiner/src/PassManager.h"
 #include "GraphRefiner/src/PassRegistry.h"
+#include "bench/Fleet.h"
 #include "ir/IrGraph.h"
 #include "ops/OpFactory.h"
 
@@ -92,29 +93,29 @@ GraphPtr build(const Chain& chain, std::size_t size) {
   return graph;
 }
 
+// As many chains as make kTotal ops together, as Fleet.h says why.
 void run(benchmark::State& state, PassId id, const Chain& chain) {
-  const auto size = static_cast<std::size_t>(state.range(0));
+  const std::size_t size = netforge::bench::sizeOf(state);
+  std::vector<GraphPtr> graphs(netforge::bench::kTotal / size);
   std::uint32_t left = 0;
   for (auto _ : state) {
-    GraphPtr graph = build(chain, size);
-    netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
+    for (GraphPtr& graph : graphs) graph = build(chain, size);
     const std::clock_t start = std::clock();  // of this process alone: other load doesn't show
-    manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
+    for (GraphPtr& graph : graphs) {
+      netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
+      manager.applyOptimizationPasses(graph, {id}, netforge::graphrefiner::OptimizationStage::PostLayout);
+    }
     state.SetIterationTime(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
-    left = graph->numOps();
+    left = graphs.front()->numOps();
   }
   state.counters["ops_left"] = left;
-  state.counters["per_op"] = benchmark::Counter(
-      static_cast<double>(size), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  netforge::bench::perOp(state, netforge::bench::kTotal);
 }
 
 void bench(const std::string& name, PassId id, const Chain& chain) {
-  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { run(state, id, chain); })
-      ->Arg(1000)
-      ->Arg(10000)
-      ->Arg(100000)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+    run(state, id, chain);
+  })->Apply(netforge::bench::whole);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 """Prints how the time of one operation grows with the size of the graph.
 
-    bm_graph --benchmark_format=json > graph.json
-    python bench/growth.py graph.json
+    bm_edits --benchmark_format=json > edits.json
+    python bench/growth.py edits.json
 
 Each line gives the time per operation at each size, and the factor from each size to the next: about 1 where
 the cost does not depend on the size, about 10 where it is proportional to it. Runs with repetitions are shown

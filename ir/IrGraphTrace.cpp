@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <iostream>
-#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include "ir/Failure.h"
 #include "ir/IrGraph.h"
+#include "ir/NameTable.h"
 
 namespace netforge {
 
@@ -42,24 +42,53 @@ void handOver(IrGraph& graph, bool hasTargets, bool hasSources, const std::vecto
   for (const TraceKey& source : sources) graph.removeTraceInfo(source.kind, source.name);
 }
 
-// A set of names that live elsewhere.
+// Names that live elsewhere, some of them more than once. Two collections are mostly in the same order, so a
+// name is looked for beside the last one that was found; the table is made when it isn't there.
 class NameSet {
  public:
   void add(std::string_view name) { names.push_back(name); }
   void add(const std::vector<std::string>& list) { names.insert(names.end(), list.begin(), list.end()); }
-  void close() {
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-  }
+
+  /// The names that `other` lacks, each once, in byte-wise order.
   std::vector<std::string_view> without(const NameSet& other) const {
     std::vector<std::string_view> rest;
-    std::set_difference(names.begin(), names.end(), other.names.begin(), other.names.end(),
-                        std::back_inserter(rest));
+    std::size_t last = 0;
+    for (const std::string_view name : names) {
+      if (!other.holds(name, last)) rest.push_back(name);
+    }
+    std::sort(rest.begin(), rest.end());
+    rest.erase(std::unique(rest.begin(), rest.end()), rest.end());
     return rest;
   }
 
  private:
+  // `last` is the place of the name that was found last, and becomes the place of this one.
+  bool holds(std::string_view name, std::size_t& last) const {
+    const std::size_t end = std::min(last + 4, names.size());
+    for (std::size_t place = last; place < end; ++place) {
+      if (names[place] != name) continue;
+      last = place;
+      return true;
+    }
+    if (table.size() == 0) fillTable();
+    const std::uint32_t slot = slotOf(name, NameTable::hashOf(name));
+    if (slot != NameTable::npos) last = slot;
+    return slot != NameTable::npos;
+  }
+
+  std::uint32_t slotOf(std::string_view name, std::uint32_t hash) const {
+    return table.find(hash, [&](std::uint32_t slot) { return names[slot] == name; });
+  }
+
+  void fillTable() const {
+    for (std::size_t slot = 0; slot < names.size(); ++slot) {
+      const std::uint32_t hash = NameTable::hashOf(names[slot]);
+      if (slotOf(names[slot], hash) == NameTable::npos) table.insert(hash, static_cast<std::uint32_t>(slot));
+    }
+  }
+
   std::vector<std::string_view> names;
+  mutable NameTable table;  // of the names, once one was needed
 };
 
 struct TraceNames {
@@ -191,8 +220,7 @@ void IrGraph::validateTraceInfoCompleteness(const std::string& stage) {
   constexpr const char* kModelNotInTrace = "source model are not all contained by framework tracing record";
   constexpr const char* kTraceNotInModel = "framework tracing record are not all contained by source model";
   bool complete = true;
-  for (TraceNames* names : {&ofOps, &ofTensors}) {
-    for (NameSet* set : {&names->graph, &names->trace, &names->source, &names->model}) set->close();
+  for (const TraceNames* names : {&ofOps, &ofTensors}) {
     const bool areOps = names == &ofOps;
     const std::string subject = areOps ? "Op" : "Tensor";
     const std::string noun = areOps ? "op" : "tensor";
