@@ -73,6 +73,24 @@ float getConstValue(const StaticTensorPtr& tensor) {
   }
 }
 
+std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor) {
+  const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(tensor);
+  if (!constant || constant->isUpdateable() || constant->elements() != 1) return std::nullopt;
+  switch (constant->getDataType()) {
+    case ORLO_DATATYPE_INT_32:
+    case ORLO_DATATYPE_UINT_32:
+    case ORLO_DATATYPE_FLOAT_32:
+      if (constant->getDataSize() != 4) return std::nullopt;
+      break;
+    case ORLO_DATATYPE_FLOAT_16:
+      if (constant->getDataSize() != 2) return std::nullopt;
+      break;
+    default:
+      return std::nullopt;
+  }
+  return getConstValue(constant);
+}
+
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value) {
   return allElementsEqual(tensor, value);
 }

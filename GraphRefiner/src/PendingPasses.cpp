@@ -13,17 +13,7 @@ namespace netforge::graphrefiner {
   }                                         \
   [[maybe_unused]] static const bool registered##name = PassManager::registerPass(PassId::name);
 
-NETFORGE_PENDING(HandleGatherNegativeIndices)
-NETFORGE_PENDING(MatchSpaceToDepth)
-NETFORGE_PENDING(OptimizeGatherND)
-NETFORGE_PENDING(OptimizeDepthToSpace)
-NETFORGE_PENDING(SquashPad)
-NETFORGE_PENDING(FoldSoftmax)
-NETFORGE_PENDING(FoldConcats)
 NETFORGE_PENDING(ExpandGruOpStructure)
-NETFORGE_PENDING(InjectCastForGather)
-NETFORGE_PENDING(FullyConnectedToHadamard)
-NETFORGE_PENDING(FoldHadamardWithMul)
 NETFORGE_PENDING(ExpandSparseOpStructure)
 NETFORGE_PENDING(ProcessCustomIOQuantInfo)
 NETFORGE_PENDING(UnrollGruTimeSteps)
@@ -34,8 +24,6 @@ NETFORGE_PENDING(ExpandThresholdedRelu)
 NETFORGE_PENDING(ExpandElementwiseMean)
 NETFORGE_PENDING(ExpandReduceL2Op)
 NETFORGE_PENDING(RecordLoraTensorTransforms)
-NETFORGE_PENDING(ExpandExpandOpToEltwise)
-NETFORGE_PENDING(SquashTileUnsqueezeToExpand)
 
 #undef NETFORGE_PENDING
 

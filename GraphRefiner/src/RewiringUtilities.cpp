@@ -53,6 +53,18 @@ bool canSquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, b
   return canMergeTensors(graph, input, op->getOutput(0), keepInput);
 }
 
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const OpPtr& root) {
+  return std::any_of(matchedOps.begin(), matchedOps.end(), [&](const MatchedOps::value_type& entry) {
+    if (!entry.second || entry.second == root) return false;
+    const auto outputs = entry.second->getOutputs();
+    return std::any_of(outputs.begin(), outputs.end(), isGraphOutput);
+  });
+}
+
+bool isFreeName(const GraphPtr& graph, const std::string& name) {
+  return !graph->hasTensor(name) && !graph->hasOp(name);
+}
+
 bool feedsLstmInitialState(const OpPtr& op) {
   const auto& readers = op->getOutput(0)->getConsumers();
   return std::any_of(readers.begin(), readers.end(), [&](const OpPtr& reader) {
@@ -85,20 +97,37 @@ void dropComputedInputs(const GraphPtr& graph, const OpPtr& givenOp) {
   }
 }
 
+StaticTensorPtr copyConstant(const GraphPtr& graph, const StaticTensorPtr& givenConstant,
+                             const std::string& name) {
+  const StaticTensorPtr constant = givenConstant;
+  const TensorType role = constant->getTensorType();
+  if (isGraphOutput(constant)) constant->setTensorType(TensorType::Static);  // the copy takes over the type
+  graph->addTensor(name, constant);
+  constant->setTensorType(role);
+  return graph->getStaticTensor(name);
+}
+
+void setInputTensor(const OpPtr& op, std::uint32_t index, const TensorPtr& givenTensor) {
+  const TensorPtr tensor = givenTensor;
+  const TensorPtr before = op->getInput(index);
+  op->setInput(tensor, index);
+  tensor->addConsumer(op);
+  const auto inputs = op->getInputs();
+  if (std::find(inputs.begin(), inputs.end(), before) == inputs.end()) before->removeConsumer(op);
+}
+
 void manageSharedStaticInput(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index) {
   const OpPtr op = givenOp;
   const TensorPtr shared = op->getInput(index);
   if (shared->getConsumers().size() < 2) return;
   const std::string name = op->getName() + (index == 1 ? "_kernel_weight" : "_kernel_bias");
-  if (const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(shared))
-    graph->addTensor(name, constant);
+  if (const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(shared)) {
+    copyConstant(graph, constant, name);
+  }
   const TensorPtr copy = graph->getTensor(name);
   if (!copy) fail<std::runtime_error>("manageSharedStaticInput", "Failed to clone static tensor: ", name);
   graph->updateTraceInfo(std::vector<TensorPtr>{copy}, {shared}, {}, false);
-  op->setInput(copy, index);
-  copy->addConsumer(op);
-  const auto inputs = op->getInputs();
-  if (std::find(inputs.begin(), inputs.end(), shared) == inputs.end()) shared->removeConsumer(op);
+  setInputTensor(op, index, copy);
 }
 
 void replaceAllUsers(const GraphPtr& graph, const TensorPtr& givenNew, const TensorPtr& givenOld,

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ using Permutation = std::vector<std::uint32_t>;
 /// The value of a one-element tensor of type INT_32, UINT_32, FLOAT_16 or FLOAT_32. Throws for a null tensor,
 /// another number of elements and another type.
 float getConstValue(const StaticTensorPtr& tensor);
+/// The same for any tensor: none unless it is a constant that `getConstValue` reads and that keeps its value
+/// after compilation.
+std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor);
 /// Whether all elements, read as 32-bit floats whatever the type, equal the value exactly (a NaN never does).
 /// False when there are fewer bytes than that. Throws for a null tensor and one without elements (rank 0 has
 /// none).
@@ -161,6 +165,13 @@ void injectTranspose(const std::shared_ptr<IrGraph>& graph, const std::string& t
 void dropComputedInputs(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 /// Removes the op that computes a tensor when nobody reads any of its outputs any more.
 void removeDeadProducer(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor);
+/// Adds a copy of a constant under a free name. The copy is internal also where the application reads the
+/// original.
+StaticTensorPtr copyConstant(const std::shared_ptr<IrGraph>& graph, const StaticTensorPtr& constant,
+                             const std::string& name);
+/// Lets input `index` of the op read another tensor. Other inputs that read the old one go on doing so.
+void setInputTensor(const std::shared_ptr<ops::IrOp>& op, std::uint32_t index,
+                    const std::shared_ptr<IrTensor>& tensor);
 /// Gives the op a copy of its own of a static input that others read too: "<op>_kernel_weight" for input 1,
 /// "<op>_kernel_bias" for every other.
 void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,

@@ -291,7 +291,8 @@ class GraphReader {
       throw std::invalid_argument("the operands are missing");
     const std::string opType = trim(right.substr(0, open));
     const auto inputs = splitText(right.substr(open + 1, close - open - 1), ',');
-    const auto attributes = readAttributes(opType, plain, splitText(right.substr(close + 1), ' '));
+    const auto words = splitText(right.substr(close + 1), ' ');
+    const auto attributes = readAttributes(opType, plain, words);
     if (opType == "Reshape" && !attributes->hasAttr("shape") && outputs[0].shape) {
       attributes->add("shape", std::make_shared<IrStaticTensor>("shape", outputs[0].shape->dims),
                       ATTR_SUPPLEMENTAL);
@@ -301,6 +302,24 @@ class GraphReader {
                         ? std::make_shared<ops::IrOp>(opName, opType, attributes)
                         : classes.applyMethod(opType, opName, attributes, {}, {});
     addOp(op, inputs, outputs);
+    restoreFactoryTypes(*op, words);
+  }
+
+  // A signed literal of a parameter that the factory makes signed stays so, as in an op that nothing has
+  // canonicalized yet.
+  static void restoreFactoryTypes(const ops::IrOp& op, const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+      const auto [name, value] = parseAssignment(word);
+      Literal literal = parseLiteral(value);
+      if (literal.isTensor || value.front() == '-' || literal.type != ORLO_DATATYPE_INT_32) continue;
+      literal.type.reset();
+      const IrAttribute& attribute = op.getAttributes()->entries().at(name);
+      if (attribute.dataType != ORLO_DATATYPE_UINT_32 ||
+          defaultAttributeType(op.getType(), name, literal) != ORLO_DATATYPE_INT_32) {
+        continue;
+      }
+      op.getAttributes()->add(name, static_cast<std::int32_t>(attribute.intValue), attribute.attrClass);
+    }
   }
 
   static std::shared_ptr<IrAttributes> readAttributes(const std::string& opType, bool plain,

@@ -214,6 +214,14 @@ def _no_whole_indices(graph: netforge.IrGraph, values: Values) -> bool:
     return False
 
 
+@_exception("MatchSpaceToDepth", kinds=("value", "dims", "inconsistent"))
+def _channel_last_result(graph: netforge.IrGraph, values: Values) -> bool:
+    """The SpaceToDepth is channel-last: so is a graph output, and a channel-first graph reads it wrongly."""
+    if not isinstance(graph.axisOrder, netforge.SpatialFirstAxisOrder):
+        return True
+    return any(op.outputs[0].isGraphOutput() for op in _ops(graph, "Reshape"))
+
+
 @_exception("Replace6dOps", kinds=("throws",))
 def _refused_rank(graph: netforge.IrGraph, values: Values) -> bool:
     """An op of high rank that can't be lowered ends the optimization."""
