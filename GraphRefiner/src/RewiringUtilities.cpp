@@ -53,18 +53,6 @@ bool canSquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, b
   return canMergeTensors(graph, input, op->getOutput(0), keepInput);
 }
 
-bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const OpPtr& root) {
-  return std::any_of(matchedOps.begin(), matchedOps.end(), [&](const MatchedOps::value_type& entry) {
-    if (!entry.second || entry.second == root) return false;
-    const auto outputs = entry.second->getOutputs();
-    return std::any_of(outputs.begin(), outputs.end(), isGraphOutput);
-  });
-}
-
-bool isFreeName(const GraphPtr& graph, const std::string& name) {
-  return !graph->hasTensor(name) && !graph->hasOp(name);
-}
-
 bool feedsLstmInitialState(const OpPtr& op) {
   const auto& readers = op->getOutput(0)->getConsumers();
   return std::any_of(readers.begin(), readers.end(), [&](const OpPtr& reader) {
