@@ -105,6 +105,8 @@ TensorText parseTensor(std::string_view text) {
 
 class GraphReader {
  public:
+  explicit GraphReader(std::shared_ptr<IrGraph> extended) : graph(std::move(extended)) {}
+
   std::shared_ptr<IrGraph> read(std::string_view text) {
     for (const auto& [number, line] : statements(text)) {
       try {
@@ -386,13 +388,17 @@ class GraphReader {
     }
   }
 
-  std::shared_ptr<IrGraph> graph = std::make_shared<IrGraph>("test");
+  std::shared_ptr<IrGraph> graph;
 };
 
 }  // namespace
 
 std::shared_ptr<IrGraph> readGraph(std::string_view text) {
-  return GraphReader().read(text);
+  return GraphReader(std::make_shared<IrGraph>("test")).read(text);
+}
+
+void extendGraph(const std::shared_ptr<IrGraph>& graph, std::string_view text) {
+  GraphReader(graph).read(text);
 }
 
 }  // namespace netforge::testing
