@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import importlib.util
 from pathlib import Path
 
 import netforge
@@ -10,9 +9,10 @@ import numpy as np
 import onnx
 import onnxruntime
 import pytest
+import sample_models
 from import_cases import COMPLETE, LAYOUTS, check_graph
+from sample_models import light_model
 
-LIGHT = Path(onnx.__file__).parent / "backend/test/data/light"
 NETWORKS = {
     "bvlc_alexnet": {"Conv2d": 5, "FullyConnected": 3, "Lrn": 2, "Pool": 3},
     "densenet121": {"Conv2d": 121, "Batchnorm": 121, "Concat": 58, "Pool": 4, "Reduce": 1},
@@ -36,7 +36,7 @@ def runtime(model: onnx.ModelProto | str) -> onnxruntime.InferenceSession:
 @pytest.mark.parametrize("layout", LAYOUTS)
 @pytest.mark.parametrize("network", NETWORKS)
 def test_network_imports_whole(network: str, layout: str, capfd) -> None:
-    path = LIGHT / f"light_{network}.onnx"
+    path = light_model(network)
     graph = netforge.from_onnx(path, layout)
     check_graph(graph, onnx.load(path))
     assert capfd.readouterr().out.splitlines() == [COMPLETE]
@@ -51,7 +51,7 @@ def test_network_imports_whole(network: str, layout: str, capfd) -> None:
 @pytest.mark.parametrize("layout", LAYOUTS)
 @pytest.mark.parametrize("network", ["squeezenet", "shufflenet", "inception_v1"])
 def test_random_weights_are_repeatable_and_tell_layouts_apart(network: str, layout: str) -> None:
-    path = LIGHT / f"light_{network}.onnx"
+    path = light_model(network)
     image = np.random.default_rng(0).uniform(0, 1, (1, 3, 224, 224)).astype(np.float32)
     results = []
     for seed, form in ((5, layout), (5, "source"), (6, layout)):
@@ -66,10 +66,10 @@ def test_random_weights_are_repeatable_and_tell_layouts_apart(network: str, layo
 
 @pytest.fixture(scope="module")
 def trained_model() -> Path:
-    spec = importlib.util.find_spec("basic_pitch")
-    if spec is None:
+    path = sample_models.trained_model()
+    if path is None:
         pytest.skip("the package basic-pitch isn't installed (pip install --no-deps basic-pitch)")
-    return next(Path(spec.origin).parent.rglob("*.onnx"))
+    return path
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)

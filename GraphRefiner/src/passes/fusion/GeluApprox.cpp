@@ -79,7 +79,7 @@ OpPtr producerReading(const OpPtr& op, const OpPtr& source) {
 TensorPtr operandBeside(const OpPtr& op, const OpPtr& producer) {
   if (!op || !producer || op->numInputs() != 2) return nullptr;
   const TensorPtr left = op->getInput(0);
-  const TensorPtr right = op->getInput(1);
+  TensorPtr right = op->getInput(1);
   if (left->getProducer() == producer) return right;
   return right->getProducer() == producer ? left : nullptr;
 }
