@@ -181,4 +181,10 @@ def _results(node: Node, values: Values, made_up_types: bool) -> list[np.ndarray
 
 
 # The modules register their kernels.
-from random_graphs import kernels_elementwise, kernels_matrix, kernels_movement, kernels_window  # noqa: E402, F401
+from random_graphs import (  # noqa: E402, F401
+    kernels_elementwise,
+    kernels_matrix,
+    kernels_movement,
+    kernels_sparse,
+    kernels_window,
+)

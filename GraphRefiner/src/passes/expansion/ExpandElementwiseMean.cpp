@@ -1,5 +1,6 @@
 #include "GraphRefiner/src/passes/expansion/ExpandElementwiseMean.h"
 
+#include <stdexcept>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 #include "ops/Broadcast.h"
@@ -29,19 +30,32 @@ bool expandToIdentity(const GraphPtr& graph, const OpPtr& op) {
   return true;
 }
 
+// The shape behind each input; none when some don't broadcast, say an axis of unknown size with a known one.
+std::vector<IrTensorShape> sumShapes(const ops::IrOp::TensorList& inputs) {
+  std::vector<IrTensorShape> shapes = {inputs[0]->getShape()};
+  try {
+    for (std::size_t i = 1; i < inputs.size(); ++i) {
+      shapes.push_back(ops::getBroadcastedTensorShape(shapes.back(), inputs[i]->getShape()));
+    }
+  } catch (const std::invalid_argument&) {
+    return {};
+  }
+  return shapes;
+}
+
 bool expandToSums(const GraphPtr& graph, const OpPtr& op) {
   const std::string& name = op->getName();
   const auto inputs = op->getInputs();
   const auto output = op->getOutput(0);
+  const std::vector<IrTensorShape> shapes = sumShapes(inputs);
+  if (shapes.empty()) return false;
   const std::string countName = name + "_div_const";
   const std::string divisionName = name + "_div_op";
   const std::string resultName = name + "_div_out";
   std::vector<std::string> names = {countName, divisionName, resultName};
-  std::vector<IrTensorShape> shapes = {inputs[0]->getShape()};
   for (std::size_t i = 1; i < inputs.size(); ++i) {
     names.push_back(name + "_add_" + std::to_string(i));
     names.push_back(name + "_add_op_" + std::to_string(i));
-    shapes.push_back(ops::getBroadcastedTensorShape(shapes.back(), inputs[i]->getShape()));
   }
   if (!OpExpansion::areFree(graph, names)) return false;
 

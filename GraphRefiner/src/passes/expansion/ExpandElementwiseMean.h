@@ -15,8 +15,9 @@ namespace netforge::graphrefiner {
 ///   before   a -> Mean m -> y
 ///   after    a -> Reshape "m_identity_reshape" -> y
 ///
-/// Refuses: a name that is taken. Throws for inputs that don't broadcast.
-/// Leaves for later: a Reshape that changes nothing, which the removal of no-ops takes out.
+/// Refuses: a name that is taken, and inputs whose shapes don't broadcast, as those of an axis of unknown
+/// size and of a known one above 1 don't. Leaves for later: a Reshape that changes nothing, which the removal
+/// of no-ops takes out.
 class ExpandElementwiseMeanRule : public MatchAndRewriteRule {
  public:
   ExpandElementwiseMeanRule();
