@@ -60,7 +60,9 @@ def _sparse(b: Builder, dims: list[int]) -> tuple[str, int, str]:
 def sparse_activation(b: Builder) -> None:
     x, _, words = _sparse(b, b.dims_of_rank(4))
     for _ in range(b.pick([1, 1, 2])):
-        x = b.op("ElementWiseNeuron", [x], [b.pick([words, words, words.split(" ")[0]])], operation=b.pick([0, 8]))
+        x = b.op(
+            "ElementWiseNeuron", [x], [b.pick([words, words, words.split(" ")[0]])], operation=b.pick([0, 8])
+        )
         b.share(x, 0.2)
 
 
@@ -89,5 +91,7 @@ def sparse_residual(b: Builder) -> None:
     other = a if b.chance(0.85) else activated(x)
     b.share(inner, 0.1)
     b.share(y, 0.1)
-    total = b.op("Eltwise_Binary", b.shuffled([other, y]), [words], operation=ADD if b.chance(0.9) else SUBTRACT)
+    total = b.op(
+        "Eltwise_Binary", b.shuffled([other, y]), [words], operation=ADD if b.chance(0.9) else SUBTRACT
+    )
     b.share(total, 0.3)
