@@ -111,6 +111,16 @@ enum class TransposeName {
 TransposeName inspectTransposeName(const std::shared_ptr<IrGraph>& graph,
                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
                                    const std::string& base);
+/// The same for a Transpose that is to bear this very name.
+TransposeName inspectTransposeNamed(const std::shared_ptr<IrGraph>& graph,
+                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
+                                    const std::string& name);
+/// Whether `insertOrReuseTranspose` of this tensor would go through: there is a Transpose to share, or its
+/// name is free.
+bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor,
+                               const Permutation& perm);
+/// Whether the tensor's quantisation differs along its axes, so that it doesn't outlive a change of layout.
+bool isEncodedAlongAxes(const IrTensor& tensor);
 
 // --- edits ---
 
@@ -152,9 +162,10 @@ void replaceAllUsers(const std::shared_ptr<IrGraph>& graph, const std::shared_pt
 void handOverGraphOutput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& from,
                          const std::shared_ptr<IrTensor>& to);
 /// Folds a Transpose of a constant into the constant. Mind the order: OP before GRAPH. With `intoNext` the
-/// constant that the next op reads keeps the name of the constant that it replaces, without it the name of
-/// the Transpose's output. Does nothing when the input is not static; reports on standard output and does
-/// nothing when that output (without `intoNext`: the input) is a graph output.
+/// constant that the next op reads keeps the name of the constant that it replaces, unless the application
+/// reads that one by this name; else it gets the name of the Transpose's output. Does nothing when the input
+/// is not static; reports on standard output and does nothing when that output (without `intoNext`: the
+/// input) is a graph output.
 void squashConstantTranspose(const std::shared_ptr<ops::IrOp>& op, const std::shared_ptr<IrGraph>& graph,
                              bool intoNext);
 

@@ -86,12 +86,37 @@ OpPtr findTransposeWithPerm(const TensorPtr& tensor, const Permutation& perm) {
 
 TransposeName inspectTransposeName(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm,
                                    const std::string& base) {
-  const std::string name = transposeName(base.empty() ? tensor->getName() : base, perm);
+  return inspectTransposeNamed(graph, tensor, perm,
+                               transposeName(base.empty() ? tensor->getName() : base, perm));
+}
+
+TransposeName inspectTransposeNamed(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm,
+                                    const std::string& name) {
   const TensorPtr existing = graph->getTensor(name);
   if (!existing) return graph->hasOp(name) ? TransposeName::Taken : TransposeName::Free;
   const OpPtr producer = existing->getProducer();
   const bool reusable = producer && isTransposeWith(producer, perm) && producer->getInput(0) == tensor;
   return reusable ? TransposeName::Reusable : TransposeName::Taken;
+}
+
+bool canInsertOrReuseTranspose(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm) {
+  return inspectTransposeName(graph, tensor, perm, "") == TransposeName::Free ||
+         findTransposeWithPerm(tensor, perm) != nullptr;
+}
+
+bool isEncodedAlongAxes(const IrTensor& tensor) {
+  switch (tensor.getQuantInfo().encoding) {
+    case QuantEncodingKind::AxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffsetMapped:
+    case QuantEncodingKind::Block:
+    case QuantEncodingKind::BlockMapped:
+    case QuantEncodingKind::SbqBlockwise:
+    case QuantEncodingKind::LaneEncoding:
+      return true;
+    default:
+      return false;
+  }
 }
 
 void insertOrReuseTranspose(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index,
@@ -167,7 +192,7 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   }
   handOverGraphOutput(graph, output, folded);
   replaceAllUsers(graph, folded, output, false);
-  if (intoNext) graph->swapTensorNames(constant->getName(), folded->getName());
+  if (intoNext && !isGraphOutput(constant)) graph->swapTensorNames(constant->getName(), folded->getName());
   graph->prune(op, false);
 }
 

@@ -144,8 +144,9 @@ void recordCase(const std::string& passName, const PassCase& passCase, const Cas
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
   const std::string stem =
       concatText(test->test_suite_name(), ".", test->name(), ".", std::to_string(++number));
-  const std::string head = concatText("# pass: ", passName, "\n# fault: ", passCase.fault, "\n# values: ",
-                                      (passCase.allow & kValuesChange) != 0 ? "may change\n" : "stay\n");
+  const std::string head =
+      concatText("# pass: ", passName, "\n# fault: ", passCase.fault,
+                 "\n# values: ", (passCase.allow & kValuesChange) != 0 ? "may change\n" : "stay\n");
   writeFile(std::filesystem::path(folder) / (stem + ".before"), head + run.before);
   writeFile(std::filesystem::path(folder) / (stem + ".after"), head + run.after);
 }

@@ -117,7 +117,7 @@ const std::string kConv = " stride=[1,1] pad_amount=[[1,1],[1,1]] reuse_sparse_i
 const std::string kResidual =
     "in x[1,4,5,3] f32 NHWC sparse=6/3\nconst w[3,3,3,3] f32 = fill 0.5\n"
     "xi = GetSparseIndices(x) num_specified_elements=6\nxv = GetSparseValues(x) num_specified_elements=6\n"
-    "xa = ElementWiseNeuron(xv) operation=4\na[1,4,5,3] f32 sparse=6/3 = CreateSparse(xi, xa)\n"
+    "xa = ElementWiseNeuron(xv) operation=8\na[1,4,5,3] f32 sparse=6/3 = CreateSparse(xi, xa)\n"
     "c[1,4,5,3] f32 sparse=6/3 = Conv2d(a, w)" +
     kConv +
     "cv = GetSparseValues(c) num_specified_elements=6\nci = GetSparseIndices(c) num_specified_elements=6\n"

@@ -11,18 +11,33 @@ from os import cpu_count
 from pathlib import Path
 
 import libPyGraphRefiner312 as refiner
+import netforge_testing
 
-from random_graphs.differential import PIPELINE, Failure, Outcome, fails_likewise, run_alone, run_pipeline
+from random_graphs.differential import (
+    PIPELINE,
+    Failure,
+    Outcome,
+    Snapshot,
+    fails_likewise,
+    run_alone,
+    run_pipeline,
+)
+from random_graphs.evaluator import Inconsistent, UnknownOp
 from random_graphs.generation import generate
 from random_graphs.plants import all_plants
 from random_graphs.reduction import reduce
 
-_CHUNK, _ROUND = 10, 400
+_CHUNK, _ROUND, _GENERATION = 10, 400, "generation"
 
 
 def check_seed(seed: int, passes: Sequence[str]) -> Outcome:
-    """All passes, or the given ones, on the graph of a seed."""
+    """All passes, or the given ones, on the graph of a seed. A graph without values is a plant's fault."""
     text = generate(seed, passes)
+    try:
+        Snapshot(netforge_testing.read_graph(text), seed)
+    except (Inconsistent, UnknownOp) as failure:
+        detail = f"{type(failure).__name__}: {failure}"
+        return Outcome(failures=[Failure(_GENERATION, _GENERATION, "invalid", detail, text, seed)])
     outcome = run_alone(text, seed, passes or refiner.get_registered_pass_names())
     if not passes:
         outcome.add(run_pipeline(text, seed))
@@ -127,7 +142,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
             key = failure.pass_name, failure.kind
             written[key] = written.get(key, 0) + 1
             if written[key] <= options.most:
-                smaller = failure if failure.kind == "crashes" else reduce(failure)
+                smaller = failure if failure.kind in ("crashes", "invalid") else reduce(failure)
                 path = write_failure(smaller, options.out)
                 print(f"graph {number}: {failure.pass_name}, {failure.kind}: {smaller.detail}\n  -> {path}")
         if number % 100 == 0:

@@ -186,6 +186,10 @@ class Builder:
             for tensor in op.outputs:
                 if (tensor.name not in read and self.chance(0.9)) or self.chance(0.06):
                     self.output(tensor.name)
+        # The application may read what it hands in, and constants.
+        for name, tensor in self.graph.tensors.items():
+            if tensor.producer is None and self.chance(0.03):
+                self.output(name)
         if not self.outputs and self.names:
             self.output(self.names[-1])
         for name in self.outputs:

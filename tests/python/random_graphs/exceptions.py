@@ -213,3 +213,73 @@ def _no_whole_indices(graph: netforge.IrGraph, values: Values) -> bool:
 def _refused_rank(graph: netforge.IrGraph, values: Values) -> bool:
     """An op of high rank that can't be lowered ends the optimization."""
     return any(tensor.rank > 5 for op in graph.ops for tensor in (*op.inputs, *op.outputs))
+
+
+def _chain(op: netforge.IrOp, *types: str) -> list[netforge.IrOp]:
+    """The op and its producers by their first inputs, if they are of these types; else none."""
+    ops = [op]
+    for wanted in types:
+        producer = ops[-1].inputs[0].producer
+        if producer is None or producer.type != wanted:
+            return []
+        ops.append(producer)
+    return ops
+
+
+@_exception("MatchSpaceToDepth", kinds=("value", "dims"))
+def _no_block_move(graph: netforge.IrGraph, values: Values) -> bool:
+    """Reshapes and Transposes that don't move a block of space into the channels, or whose result is a graph
+    output, which keeps the channels last."""
+    for op in _ops(graph, "Reshape"):
+        ops = _chain(op, "Transpose", "Reshape", "Transpose", "Reshape", "Transpose", "Reshape")
+        if not ops:
+            continue
+        x, y = values[ops[-1].inputs[0].name], values[op.outputs[0].name]
+        if op.outputs[0].isGraphOutput() or x.ndim != 4 or y.ndim != 4 or x.shape[2] % y.shape[2]:
+            return True
+        block = x.shape[2] // y.shape[2]
+        n, c, h, w = x.shape
+        if w % block:
+            return True
+        parts = x.reshape(n, c, h // block, block, w // block, block).transpose(0, 3, 5, 1, 2, 4)
+        if y.shape != (n, c * block * block, h // block, w // block) or (y != parts.reshape(y.shape)).any():
+            return True
+    return False
+
+
+@_exception("OptimizeDepthToSpace", kinds=("value",))
+def _mixed_channels(graph: netforge.IrGraph, values: Values) -> bool:
+    """A DepthToSpace with several channels, unequal parts, or parts in another order than the Split's."""
+    for concat in _ops(graph, "Concat"):
+        producers = [tensor.producer for tensor in concat.inputs]
+        if not all(op is not None and op.type == "DepthToSpace" for op in producers):
+            continue
+        parts = [op.inputs[0] for op in producers]
+        splits = [part.producer for part in parts]
+        if not all(split is not None and split.type == "Split" for split in splits):
+            continue
+        blocks = {tuple(op.attributes.getStaticTensor("block_size").numpy().tolist()) for op in producers}
+        in_order = [part.name for part in parts] == [tensor.name for tensor in splits[0].outputs]
+        alike = len({tuple(part.dims) for part in parts}) == 1 and len(blocks) == 1
+        if not (in_order and alike and all(tensor.dims[-1] == 1 for tensor in concat.inputs)):
+            return True
+    return False
+
+
+@_exception("OptimizeGatherND", kinds=("value", "dims", "inconsistent"))
+def _other_width(graph: netforge.IrGraph, values: Values) -> bool:
+    """A flat index that isn't row * width + column of the first two axes, or a result that is a graph output,
+    whose layout changes."""
+    for out in _ops(graph, "Reshape"):
+        ops = _chain(out, "Transpose", "Reshape", "Gather", "Reshape", "Transpose")
+        if not ops:
+            continue
+        data, flat, index = ops[-1].outputs[0], ops[-2].outputs[0], ops[3].inputs[1].producer
+        if index is None or out.outputs[0].isGraphOutput():
+            return True
+        if list(flat.dims) != [data.dims[0] * data.dims[1], *data.dims[2:]]:
+            return True
+        scales = [tensor for side in index.inputs if side.producer for tensor in side.producer.inputs]
+        if not any(tensor.isStatic() and (values[tensor.name] == data.dims[1]).all() for tensor in scales):
+            return True
+    return False
