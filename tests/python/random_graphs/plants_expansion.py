@@ -47,12 +47,12 @@ def inverse(b: Builder) -> None:
 
 
 def _sparse(b: Builder, dims: list[int]) -> tuple[str, int, str]:
-    """A sparse tensor, the number of its elements, and the words of its kind."""
+    """A sparse tensor without a specified row of zeros, the number of its rows, and the words of its kind."""
     rows = [[n, h, w] for n in range(dims[0]) for h in range(dims[1]) for w in range(dims[2])]
     places = sorted(b.rng.sample(rows, b.rng.randint(1, len(rows))))
     indices = b.constant(places, "i32")
-    words = f"[{','.join(map(str, dims))}] sparse={len(places)}/3"
-    values = b.op("ElementWiseNeuron", [b.tensor([len(places), dims[-1]])], operation=8)
+    words = f"[{','.join(map(str, dims))}] f32 sparse={len(places)}/3"
+    values = b.op("ElementWiseNeuron", [b.input([len(places), dims[-1]])], operation=8)
     return b.op("CreateSparse", [indices, values], [words]), len(places), words
 
 
@@ -60,9 +60,7 @@ def _sparse(b: Builder, dims: list[int]) -> tuple[str, int, str]:
 def sparse_activation(b: Builder) -> None:
     x, _, words = _sparse(b, b.dims_of_rank(4))
     for _ in range(b.pick([1, 1, 2])):
-        x = b.op(
-            "ElementWiseNeuron", [x], [b.pick([words, words, words.split(" ")[0]])], operation=b.pick([0, 8])
-        )
+        x = b.op("ElementWiseNeuron", [x], [words], operation=b.pick([0, 6, 8]))
         b.share(x, 0.2)
 
 
@@ -80,9 +78,11 @@ def sparse_residual(b: Builder) -> None:
 
     def conv(source: str) -> str:
         weight = b.random_constant([3, 3, channels, channels])
+        # Without the places of its input it has values at more places than a sparse tensor would say.
+        reuse = b.chance(0.9)
         return b.op(
-            "Conv2d", [source, weight], [words], stride=[1, 1], pad_amount=[[1, 1], [1, 1]],
-            reuse_sparse_indices=b.chance(0.9),
+            "Conv2d", [source, weight], [words if reuse else words.split(" sparse")[0]], stride=[1, 1],
+            pad_amount=[[1, 1], [1, 1]], reuse_sparse_indices=reuse,
         )  # fmt: skip
 
     a = activated(x)
