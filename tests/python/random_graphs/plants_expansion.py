@@ -76,22 +76,25 @@ def sparse_residual(b: Builder) -> None:
         values = b.op("GetSparseValues", [source], num_specified_elements=count)
         return b.op("CreateSparse", [indices, b.op("ElementWiseNeuron", [values], operation=8)], [words])
 
-    def conv(source: str) -> str:
+    reuses = [b.chance(0.9), b.chance(0.9)]
+    dense = words.split(" sparse")[0]
+
+    def conv(source: str, reuse: bool) -> str:
         weight = b.random_constant([3, 3, channels, channels])
         # Without the places of its input it has values at more places than a sparse tensor would say.
-        reuse = b.chance(0.9)
         return b.op(
-            "Conv2d", [source, weight], [words if reuse else words.split(" sparse")[0]], stride=[1, 1],
+            "Conv2d", [source, weight], [words if reuse else dense], stride=[1, 1],
             pad_amount=[[1, 1], [1, 1]], reuse_sparse_indices=reuse,
         )  # fmt: skip
 
     a = activated(x)
-    inner = conv(a)
-    y = conv(activated(inner))
+    inner = conv(a, reuses[0])
+    y = conv(activated(inner), reuses[1])
     other = a if b.chance(0.85) else activated(x)
     b.share(inner, 0.1)
     b.share(y, 0.1)
+    operation = ADD if b.chance(0.9) else SUBTRACT
     total = b.op(
-        "Eltwise_Binary", b.shuffled([other, y]), [words], operation=ADD if b.chance(0.9) else SUBTRACT
+        "Eltwise_Binary", b.shuffled([other, y]), [words if all(reuses) else dense], operation=operation
     )
     b.share(total, 0.3)
