@@ -2,6 +2,9 @@
 # Everything that is missing is installed first (Debian packages as root, Python packages into .venv).
 
 MODEL ?=
+N ?= 2000
+SEED ?= 1
+OUT ?= build/fuzz
 JOBS ?= $(shell nproc)
 PY := .venv/bin/python
 BUILD := build/release
@@ -9,7 +12,7 @@ CCACHE := $(shell command -v ccache 2>/dev/null)
 CMAKE_COMMON = -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(PY) -DNETFORGE_WERROR=ON \
 	-DCMAKE_CXX_COMPILER_LAUNCHER=$$(command -v ccache)
 
-.PHONY: all setup build install demo test cpp-test python-test bench asan lint format clean
+.PHONY: all setup build install demo test cpp-test python-test fuzz bench asan lint format clean
 
 all: build
 
@@ -23,8 +26,9 @@ build: setup
 
 # The same rules that make the wheel put the package into the virtual environment.
 install: build
-	@cmake --install $(BUILD) --component python \
-		--prefix "$$($(PY) -c 'import sysconfig; print(sysconfig.get_paths()["platlib"])')" >/dev/null
+	@for component in python python_tests; do \
+		cmake --install $(BUILD) --component $$component --prefix \
+			"$$($(PY) -c 'import sysconfig; print(sysconfig.get_paths()["platlib"])')" >/dev/null || exit 1; done
 
 demo: install
 	@$(PY) examples/demo.py $(MODEL)
@@ -36,6 +40,10 @@ cpp-test: build
 
 python-test: install
 	@$(PY) -m pytest -q tests/python
+
+# N graphs from the seeds SEED, SEED + 1, ...; what fails is written to OUT, reduced.
+fuzz: install
+	@cd tests/python && $(CURDIR)/$(PY) -m random_graphs --count $(N) --seed $(SEED) --out $(CURDIR)/$(OUT)
 
 bench: setup
 	@cmake -S . -B build/bench $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DNETFORGE_BUILD_BENCH=ON \

@@ -1,5 +1,6 @@
-// What the passes that fold Transposes and Reshapes cost on chains of growing length, run as the manager runs
-// them. The counter "per_op" is the time per op of the chain; growth.py shows how it grows.
+// What the passes that fold or move Transposes and Reshapes, and the one that lowers high ranks, cost on
+// graphs of growing size, run as the manager runs them. The counter "per_op" is the time per op of the chain;
+// growth.py shows how it grows.
 
 #include <benchmark/benchmark.h>
 #include <ctime>
@@ -45,9 +46,18 @@ void addSource(IrGraph& graph, const std::string& name, const Dims& dims, bool c
       netforge::ORLO_DATATYPE_FLOAT_32, AxisFormat::ANY, AxisFormat::ANY, false, TensorType::Static, Dims{}));
 }
 
+void makeOutput(IrGraph& graph, const std::string& name) {
+  const auto output = graph.getTensor(name);
+  output->setTensorType(TensorType::GraphOutput);
+  graph.removeTensor(name);
+  graph.addTensor(output);
+}
+
 struct Step {
   std::string type;
   OpParams params;
+  // Further inputs: the constant "k", or "@" for the first input again.
+  std::vector<std::string> others = {};
 };
 Step transpose(const Dims& perm) {
   return {"Transpose", {{"perm", OpParam(perm)}}};
@@ -62,21 +72,28 @@ Step reduce(const Dims& axes) {
 Step relu() {
   return {"ElementWiseNeuron", {{"operation", OpParam(4u)}}};
 }
+Step sum(const std::string& other) {
+  return {"Eltwise_Binary", {{"operation", OpParam(0u)}}, {other}};
+}
 
 struct Chain {
   Dims dims;
   std::vector<Step> steps;  // repeated until the chain is long enough
   bool constant = false;
   bool traced = false;
+  Step last = relu();
 };
 
-// Source -> Relu -> steps ... -> Relu -> output, without the first Relu behind a constant.
+// Source -> Relu -> steps ... -> last step -> output, without the Relu behind a constant.
 GraphPtr build(const Chain& chain, std::size_t size) {
   auto graph = std::make_shared<IrGraph>("chain");
   addSource(*graph, "x", chain.dims, chain.constant);
+  addSource(*graph, "k", {chain.dims.back()}, true);
   std::string last = "x";
   const auto append = [&](const std::string& name, const Step& step) {
-    graph->addOp(createOp(step.type, name, step.params), {last}, {name}, {}, -1, false);
+    IrGraph::Names inputs{last};
+    for (const std::string& other : step.others) inputs.push_back(other == "@" ? last : other);
+    graph->addOp(createOp(step.type, name, step.params), inputs, {name}, {}, -1, false);
     if (chain.traced) {
       graph->addTraceSources(TraceKind::Op, name, {{name, TraceKind::Op}});
       graph->addTraceSources(TraceKind::Tensor, name, {{name, TraceKind::Tensor}});
@@ -85,21 +102,39 @@ GraphPtr build(const Chain& chain, std::size_t size) {
   };
   if (!chain.constant) append("first", relu());
   for (std::size_t i = 0; i < size; ++i) append(nameOf(i), chain.steps[i % chain.steps.size()]);
-  append("last", relu());
-  const auto output = graph->getTensor("last");
-  output->setTensorType(TensorType::GraphOutput);
-  graph->removeTensor("last");
-  graph->addTensor(output);
+  append("last", chain.last);
+  makeOutput(*graph, "last");
   return graph;
 }
 
-// As many chains as make kTotal ops together, as Fleet.h says why.
-void run(benchmark::State& state, PassId id, const Chain& chain) {
+// One Relu -> many -> one Concat -> Transpose -> output.
+GraphPtr buildFan(std::size_t size) {
+  auto graph = std::make_shared<IrGraph>("fan");
+  addSource(*graph, "x", {1, 2, 3, 4}, false);
+  const auto append = [&](const std::string& name, const Step& step, const IrGraph::Names& inputs) {
+    graph->addOp(createOp(step.type, name, step.params), inputs, {name}, {}, -1, false);
+  };
+  append("first", relu(), {"x"});
+  IrGraph::Names branches;
+  for (std::size_t i = 0; i < size; ++i) {
+    branches.push_back(nameOf(i));
+    append(nameOf(i), relu(), {"first"});
+  }
+  append("joined", {"Concat", {{"axis", OpParam(1u)}}}, branches);
+  append("last", transpose({0, 2, 3, 1}), {"joined"});
+  makeOutput(*graph, "last");
+  return graph;
+}
+
+using BuildGraph = std::function<GraphPtr(std::size_t)>;
+
+// As many graphs as make kTotal ops together, as Fleet.h says why.
+void run(benchmark::State& state, PassId id, const BuildGraph& buildGraph) {
   const std::size_t size = netforge::bench::sizeOf(state);
   std::vector<GraphPtr> graphs(netforge::bench::kTotal / size);
   std::uint32_t left = 0;
   for (auto _ : state) {
-    for (GraphPtr& graph : graphs) graph = build(chain, size);
+    for (GraphPtr& graph : graphs) graph = buildGraph(size);
     const std::clock_t start = std::clock();  // of this process alone: other load doesn't show
     for (GraphPtr& graph : graphs) {
       netforge::graphrefiner::PassManager manager{netforge::graphrefiner::GraphRefinerContext{}};
@@ -112,10 +147,13 @@ void run(benchmark::State& state, PassId id, const Chain& chain) {
   netforge::bench::perOp(state, netforge::bench::kTotal);
 }
 
-void bench(const std::string& name, PassId id, const Chain& chain) {
+void bench(const std::string& name, PassId id, const BuildGraph& buildGraph) {
   benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
-    run(state, id, chain);
+    run(state, id, buildGraph);
   })->Apply(netforge::bench::whole);
+}
+void bench(const std::string& name, PassId id, const Chain& chain) {
+  bench(name, id, BuildGraph([=](std::size_t size) { return build(chain, size); }));
 }
 
 }  // namespace
@@ -146,6 +184,29 @@ int main(int argc, char** argv) {
         {{1, 5, 1}, {transpose({1, 0, 2}), reshape({1, 5, 1})}});
   bench("ReplaceTRTWithReshape", PassId::ReplaceTRTWithReshape,
         {{2, 1, 6}, {transpose({1, 0, 2}), reshape({1, 12, 1}), transpose({2, 1, 0}), reshape({2, 1, 6})}});
+  const auto endingIn = [](Chain chain, const Step& last) {
+    chain.last = last;
+    return chain;
+  };
+  const Step channelLast = transpose({0, 2, 3, 1});
+  bench("HoistTranspose_chain", PassId::HoistTranspose, endingIn({image, {relu()}}, channelLast));
+  bench("HoistTranspose_constant", PassId::HoistTranspose, endingIn({image, {sum("k")}}, channelLast));
+  bench("HoistTranspose_refused", PassId::HoistTranspose, {image, {relu()}});
+  bench("HoistTranspose_fan", PassId::HoistTranspose, BuildGraph(buildFan));
+  bench("HoistTransposeAboveElementWiseMux", PassId::HoistTransposeAboveElementWiseMux,
+        {image, {{"ElementWiseMux", {}, {"@", "@"}}, channelLast}});
+  bench("SinkTransposeBelowSum", PassId::SinkTransposeBelowSum, {image, {channelLast, sum("@")}});
+  bench("ReduceEltwiseBinTranspose", PassId::ReduceEltwiseBinTranspose,
+        {image, {channelLast, sum("@"), transpose({0, 3, 1, 2})}});
+  bench("PermuteAxisToLast", PassId::PermuteAxisToLast, {image, {{"Softmax", {{"axis", OpParam(1u)}}}}});
+  const Dims high{2, 1, 3, 1, 2, 4};
+  const Step softmax{"Softmax", {{"axis", OpParam(2u)}}};
+  const Step unary{"Eltwise_Unary", {{"operation", OpParam(0u)}}};
+  bench("Replace6dOps_reshaped", PassId::Replace6dOps, {high, {unary, softmax}});
+  bench("Replace6dOps_traced", PassId::Replace6dOps, with({high, {unary, softmax}}, false, true));
+  bench("Replace6dOps_transposed", PassId::Replace6dOps,
+        {{2, 2, 2, 2, 2, 2}, {transpose({5, 4, 3, 2, 1, 0})}});
+  bench("Replace6dOps_idle", PassId::Replace6dOps, {image, {softmax}});
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -73,11 +73,33 @@ float getConstValue(const StaticTensorPtr& tensor) {
   }
 }
 
+std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor) {
+  const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(tensor);
+  if (!constant || constant->isUpdateable() || constant->elements() != 1) return std::nullopt;
+  switch (constant->getDataType()) {
+    case ORLO_DATATYPE_INT_32:
+    case ORLO_DATATYPE_UINT_32:
+    case ORLO_DATATYPE_FLOAT_32:
+      if (constant->getDataSize() != 4) return std::nullopt;
+      break;
+    case ORLO_DATATYPE_FLOAT_16:
+      if (constant->getDataSize() != 2) return std::nullopt;
+      break;
+    default:
+      return std::nullopt;
+  }
+  return getConstValue(constant);
+}
+
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value) {
   return allElementsEqual(tensor, value);
 }
 
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value) {
+  return allElementsEqual(tensor, value);
+}
+
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint16_t value) {
   return allElementsEqual(tensor, value);
 }
 
@@ -152,6 +174,13 @@ Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose) {
 void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
                            const std::vector<std::uint32_t>& values) {
   ops::replaceUint32Values(op->getAttributes(), attribute, values);
+}
+
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation) {
+  const auto& attributes = op->getAttributes()->entries();
+  const auto entry = attributes.find("operation");
+  return entry != attributes.end() && entry->second.attrType == ORLO_PARAMTYPE_SCALAR &&
+         entry->second.isIntegerType() && entry->second.intValue == operation;
 }
 
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op) {

@@ -24,6 +24,18 @@ bool isGraphOutput(const TensorPtr& tensor) {
   }
 }
 
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const OpPtr& root) {
+  return std::any_of(matchedOps.begin(), matchedOps.end(), [&](const MatchedOps::value_type& entry) {
+    if (!entry.second || entry.second == root) return false;
+    const auto outputs = entry.second->getOutputs();
+    return std::any_of(outputs.begin(), outputs.end(), isGraphOutput);
+  });
+}
+
+bool isFreeName(const GraphPtr& graph, const std::string& name) {
+  return !graph->hasTensor(name) && !graph->hasOp(name);
+}
+
 bool canMergeTensors(const GraphPtr& graph, const TensorPtr& input, const TensorPtr& output, bool keepInput) {
   const auto graphOutputs = graph->getGraphOutputs();
   const auto isListed = [&](const TensorPtr& tensor) {
@@ -73,20 +85,37 @@ void dropComputedInputs(const GraphPtr& graph, const OpPtr& givenOp) {
   }
 }
 
+StaticTensorPtr copyConstant(const GraphPtr& graph, const StaticTensorPtr& givenConstant,
+                             const std::string& name) {
+  const StaticTensorPtr constant = givenConstant;
+  const TensorType role = constant->getTensorType();
+  if (isGraphOutput(constant)) constant->setTensorType(TensorType::Static);  // the copy takes over the type
+  graph->addTensor(name, constant);
+  constant->setTensorType(role);
+  return graph->getStaticTensor(name);
+}
+
+void setInputTensor(const OpPtr& op, std::uint32_t index, const TensorPtr& givenTensor) {
+  const TensorPtr tensor = givenTensor;
+  const TensorPtr before = op->getInput(index);
+  op->setInput(tensor, index);
+  tensor->addConsumer(op);
+  const auto inputs = op->getInputs();
+  if (std::find(inputs.begin(), inputs.end(), before) == inputs.end()) before->removeConsumer(op);
+}
+
 void manageSharedStaticInput(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index) {
   const OpPtr op = givenOp;
   const TensorPtr shared = op->getInput(index);
   if (shared->getConsumers().size() < 2) return;
   const std::string name = op->getName() + (index == 1 ? "_kernel_weight" : "_kernel_bias");
-  if (const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(shared))
-    graph->addTensor(name, constant);
+  if (const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(shared)) {
+    copyConstant(graph, constant, name);
+  }
   const TensorPtr copy = graph->getTensor(name);
   if (!copy) fail<std::runtime_error>("manageSharedStaticInput", "Failed to clone static tensor: ", name);
   graph->updateTraceInfo(std::vector<TensorPtr>{copy}, {shared}, {}, false);
-  op->setInput(copy, index);
-  copy->addConsumer(op);
-  const auto inputs = op->getInputs();
-  if (std::find(inputs.begin(), inputs.end(), shared) == inputs.end()) shared->removeConsumer(op);
+  setInputTensor(op, index, copy);
 }
 
 void replaceAllUsers(const GraphPtr& graph, const TensorPtr& givenNew, const TensorPtr& givenOld,
@@ -111,6 +140,20 @@ void replaceAllUsers(const GraphPtr& graph, const TensorPtr& givenNew, const Ten
   graph->swapTensorNames(newTensor->getName(), oldTensor->getName());
 }
 
+void replaceOutputByConstant(const GraphPtr& graph, const OpPtr& givenOp, const StaticTensorPtr& constant,
+                             bool strict) {
+  const OpPtr op = givenOp;
+  const TensorPtr output = op->getOutput(0);
+  const auto sources =
+      graph->collectTraceSources({{TraceKind::Op, op->getName()}, {TraceKind::Tensor, output->getName()}});
+  for (const OpPtr& consumer : consumersInGraphOrder(*graph, output->getConsumers())) {
+    graph->addTraceSources(TraceKind::Op, consumer->getName(), sources);
+  }
+  handOverGraphOutput(graph, output, constant);
+  replaceAllUsers(graph, constant, output, strict);
+  graph->prune(op, false);
+}
+
 void handOverGraphOutput(const GraphPtr& graph, const TensorPtr& givenFrom, const TensorPtr& givenTo) {
   const TensorPtr from = givenFrom;
   const TensorPtr to = givenTo;
@@ -128,6 +171,42 @@ void handOverGraphOutput(const GraphPtr& graph, const TensorPtr& givenFrom, cons
     from->setTensorType(TensorType::Native);
     from->setUpdateable(false);
   }
+}
+
+void passGraphOutputOn(const GraphPtr& graph, const TensorPtr& givenInner, const TensorPtr& givenOuter) {
+  const TensorPtr inner = givenInner;
+  const TensorPtr outer = givenOuter;
+  if (!isGraphOutput(inner)) return;
+  copyTypeAndEncoding(inner, outer);
+  handOverGraphOutput(graph, inner, outer);
+  graph->swapTensorNames(inner->getName(), outer->getName());
+}
+
+void copyTypeAndEncoding(const TensorPtr& from, const TensorPtr& to) {
+  const DataType type = from->getDataType();
+  const QuantInfo record = from->getQuantInfo();
+  if (from->isQuantized()) {
+    if (!to->isQuantizable()) {
+      to->setDataType(ORLO_DATATYPE_FLOAT_32);  // only a float tensor becomes quantizable
+      to->setQuantizable(true);
+    }
+    to->setQInfo(type, record);
+  } else if (record.isOverridden && isFloatDataType(type)) {
+    to->setFloatQInfo(type, record);
+  } else {
+    if (!isFloatDataType(type)) to->setQuantizable(false);
+    to->setDataType(type);
+  }
+}
+
+void supersedeConstant(const GraphPtr& graph, const TensorPtr& givenConstant,
+                       const StaticTensorPtr& givenSuccessor) {
+  const TensorPtr constant = givenConstant;
+  const StaticTensorPtr successor = givenSuccessor;
+  graph->transferConsumers(constant, successor, graph->getConsumers(constant, {}));
+  graph->removeTensor(constant->getName());
+  successor->setName(constant->getName());
+  graph->addTensor(successor);
 }
 
 }  // namespace netforge::graphrefiner

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ class IrOp;
 
 namespace netforge::graphrefiner {
 
+class MatchedOps;
+
 // The toolbox that the passes share. Free functions without state. Failures are std::runtime_error with the
 // text
 // "<function>: <message>" unless stated otherwise, and end the optimization: nothing is rolled back.
@@ -30,12 +33,17 @@ using Permutation = std::vector<std::uint32_t>;
 /// The value of a one-element tensor of type INT_32, UINT_32, FLOAT_16 or FLOAT_32. Throws for a null tensor,
 /// another number of elements and another type.
 float getConstValue(const StaticTensorPtr& tensor);
+/// The same for any tensor: none unless it is a constant that `getConstValue` reads and that keeps its value
+/// after compilation.
+std::optional<float> findConstScalar(const std::shared_ptr<IrTensor>& tensor);
 /// Whether all elements, read as 32-bit floats whatever the type, equal the value exactly (a NaN never does).
 /// False when there are fewer bytes than that. Throws for a null tensor and one without elements (rank 0 has
 /// none).
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, float value);
 /// The same for elements read as bytes, for BOOL_8 data.
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint8_t value);
+/// The same for elements read as 16-bit patterns.
+bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::uint16_t value);
 /// The same for elements read as signed 32-bit integers.
 bool allElementsEqualToValue(const StaticTensorPtr& tensor, std::int32_t value);
 /// Whether some element, read as signed 32-bit, is below zero; false without elements, and when there are
@@ -60,6 +68,8 @@ Permutation getTransposePerm(const std::shared_ptr<ops::IrOp>& transpose);
 /// Replaces a list attribute by an unsigned 32-bit one of dims [n] under the same tensor name.
 void replaceWordsAttribute(const std::shared_ptr<ops::IrOp>& op, const std::string& attribute,
                            const std::vector<std::uint32_t>& values);
+/// Whether the op has the integer attribute "operation" of the elementwise ops, with this value.
+bool hasOperation(const std::shared_ptr<ops::IrOp>& op, std::uint32_t operation);
 /// The first input that is not static; null when there is none, and for a null op.
 std::shared_ptr<IrTensor> firstNonStaticInput(const std::shared_ptr<ops::IrOp>& op);
 
@@ -94,6 +104,10 @@ float halfToFloat(std::uint16_t bits);
 
 /// Whether the application reads the tensor: graph outputs, also updateable and optional ones.
 bool isGraphOutput(const std::shared_ptr<IrTensor>& tensor);
+/// Whether the application reads an output of a bound op other than the root.
+bool hasInteriorGraphOutput(const MatchedOps& matchedOps, const std::shared_ptr<ops::IrOp>& root);
+/// Whether neither a tensor nor an op bears the name.
+bool isFreeName(const std::shared_ptr<IrGraph>& graph, const std::string& name);
 /// Whether IrGraph::squash of this op into this input would go through as the graph stands.
 bool canSquash(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
                const std::shared_ptr<IrTensor>& input, bool keepInput);
@@ -111,6 +125,20 @@ enum class TransposeName {
 TransposeName inspectTransposeName(const std::shared_ptr<IrGraph>& graph,
                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
                                    const std::string& base);
+/// The same for a Transpose that is to bear this very name.
+TransposeName inspectTransposeNamed(const std::shared_ptr<IrGraph>& graph,
+                                    const std::shared_ptr<IrTensor>& tensor, const Permutation& perm,
+                                    const std::string& name);
+/// Whether `insertOrReuseTranspose` of this tensor would go through: there is a Transpose to share, or its
+/// name is free.
+bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor,
+                               const Permutation& perm);
+/// Whether the tensor's quantisation differs along its axes, so that it doesn't outlive a change of layout.
+bool isEncodedAlongAxes(const IrTensor& tensor);
+
+/// Whether the op permutes a constant that it alone reads, of a type that can be permuted, and the name that
+/// `squashConstantTranspose` would give is free.
+bool isFoldableConstantTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 
 // --- edits ---
 
@@ -137,6 +165,13 @@ void injectTranspose(const std::shared_ptr<IrGraph>& graph, const std::string& t
 void dropComputedInputs(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 /// Removes the op that computes a tensor when nobody reads any of its outputs any more.
 void removeDeadProducer(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& tensor);
+/// Adds a copy of a constant under a free name. The copy is internal also where the application reads the
+/// original.
+StaticTensorPtr copyConstant(const std::shared_ptr<IrGraph>& graph, const StaticTensorPtr& constant,
+                             const std::string& name);
+/// Lets input `index` of the op read another tensor. Other inputs that read the old one go on doing so.
+void setInputTensor(const std::shared_ptr<ops::IrOp>& op, std::uint32_t index,
+                    const std::shared_ptr<IrTensor>& tensor);
 /// Gives the op a copy of its own of a static input that others read too: "<op>_kernel_weight" for input 1,
 /// "<op>_kernel_bias" for every other.
 void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
@@ -146,15 +181,30 @@ void manageSharedStaticInput(const std::shared_ptr<IrGraph>& graph, const std::s
 /// else it throws.
 void replaceAllUsers(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& newTensor,
                      const std::shared_ptr<IrTensor>& oldTensor, bool strict);
+/// Lets a new constant of the graph stand for the only output of an op: it takes over readers, name, trace
+/// and the place among the graph's outputs, and the op is removed. Throws as `replaceAllUsers` does.
+void replaceOutputByConstant(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
+                             const StaticTensorPtr& constant, bool strict);
 /// Lets `to` stand for the graph output `from`: it takes the place and the kind (updateable and optional
 /// outputs keep theirs), and `from` becomes native, or the input that it was besides. Nothing happens when
 /// `from` is no graph output. Names are the caller's work, afterwards.
 void handOverGraphOutput(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& from,
                          const std::shared_ptr<IrTensor>& to);
+/// Behind a graph output: lets `outer`, which an op computes from the graph output `inner`, take over place,
+/// kind, type, encoding and name. `inner` becomes internal and gets the name of `outer`. Nothing happens when
+/// `inner` is no graph output.
+void passGraphOutputOn(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& inner,
+                       const std::shared_ptr<IrTensor>& outer);
+/// Gives `to` the type of `from`, and with it the encoding or the range that the user set.
+void copyTypeAndEncoding(const std::shared_ptr<IrTensor>& from, const std::shared_ptr<IrTensor>& to);
+/// Lets a constant that is not yet in the graph take the readers, the place and the name of another.
+void supersedeConstant(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& constant,
+                       const StaticTensorPtr& successor);
 /// Folds a Transpose of a constant into the constant. Mind the order: OP before GRAPH. With `intoNext` the
-/// constant that the next op reads keeps the name of the constant that it replaces, without it the name of
-/// the Transpose's output. Does nothing when the input is not static; reports on standard output and does
-/// nothing when that output (without `intoNext`: the input) is a graph output.
+/// constant that the next op reads keeps the name of the constant that it replaces, unless the application
+/// reads that one by this name; else it gets the name of the Transpose's output. Does nothing when the input
+/// is not static; reports on standard output and does nothing when that output (without `intoNext`: the
+/// input) is a graph output.
 void squashConstantTranspose(const std::shared_ptr<ops::IrOp>& op, const std::shared_ptr<IrGraph>& graph,
                              bool intoNext);
 

@@ -65,12 +65,7 @@ void takeOverGraphOutput(const GraphPtr& graph, const TensorPtr& input, const Te
     graph->updateTensorName(output->getName(), outputName);
   }
   handOverGraphOutput(graph, input, output);
-  const QuantInfo& record = input->getQuantInfo();
-  if (input->isQuantized()) {
-    output->setQInfo(input->getDataType(), record);
-  } else if (record.isOverridden && isFloatDataType(input->getDataType())) {
-    output->setFloatQInfo(input->getDataType(), record);
-  }
+  copyTypeAndEncoding(input, output);
 }
 
 }  // namespace
@@ -86,12 +81,37 @@ OpPtr findTransposeWithPerm(const TensorPtr& tensor, const Permutation& perm) {
 
 TransposeName inspectTransposeName(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm,
                                    const std::string& base) {
-  const std::string name = transposeName(base.empty() ? tensor->getName() : base, perm);
+  return inspectTransposeNamed(graph, tensor, perm,
+                               transposeName(base.empty() ? tensor->getName() : base, perm));
+}
+
+TransposeName inspectTransposeNamed(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm,
+                                    const std::string& name) {
   const TensorPtr existing = graph->getTensor(name);
   if (!existing) return graph->hasOp(name) ? TransposeName::Taken : TransposeName::Free;
   const OpPtr producer = existing->getProducer();
   const bool reusable = producer && isTransposeWith(producer, perm) && producer->getInput(0) == tensor;
   return reusable ? TransposeName::Reusable : TransposeName::Taken;
+}
+
+bool canInsertOrReuseTranspose(const GraphPtr& graph, const TensorPtr& tensor, const Permutation& perm) {
+  return inspectTransposeName(graph, tensor, perm, "") == TransposeName::Free ||
+         findTransposeWithPerm(tensor, perm) != nullptr;
+}
+
+bool isEncodedAlongAxes(const IrTensor& tensor) {
+  switch (tensor.getQuantInfo().encoding) {
+    case QuantEncodingKind::AxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffset:
+    case QuantEncodingKind::BwAxisScaleOffsetMapped:
+    case QuantEncodingKind::Block:
+    case QuantEncodingKind::BlockMapped:
+    case QuantEncodingKind::SbqBlockwise:
+    case QuantEncodingKind::LaneEncoding:
+      return true;
+    default:
+      return false;
+  }
 }
 
 void insertOrReuseTranspose(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index,
@@ -139,6 +159,14 @@ void injectTranspose(const GraphPtr& graph, const std::string& tensorName, const
   output->setExplicitPermuteOrder(outputOrder);
 }
 
+bool isFoldableConstantTranspose(const GraphPtr& graph, const OpPtr& op) {
+  if (op->numInputs() == 0) return false;
+  const TensorPtr constant = op->getInput(0);
+  return constant->isStatic() && constant->getConsumers().size() < 2 &&
+         isTransposableType(constant->getDataType()) &&
+         !graph->hasTensor(joinNameParts(op->getName(), constant->getName(), "", ""));
+}
+
 void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool intoNext) {
   const OpPtr op = givenOp;
   const TensorPtr output = op->getOutput(0);
@@ -160,15 +188,8 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   graph->addTensor(folded);
   folded->setExplicitPermuteOrder(output->getPermuteOrder());
 
-  const auto sources =
-      graph->collectTraceSources({{TraceKind::Op, op->getName()}, {TraceKind::Tensor, output->getName()}});
-  for (const OpPtr& consumer : consumersInGraphOrder(*graph, output->getConsumers())) {
-    graph->addTraceSources(TraceKind::Op, consumer->getName(), sources);
-  }
-  handOverGraphOutput(graph, output, folded);
-  replaceAllUsers(graph, folded, output, false);
-  if (intoNext) graph->swapTensorNames(constant->getName(), folded->getName());
-  graph->prune(op, false);
+  replaceOutputByConstant(graph, op, folded, false);
+  if (intoNext && !isGraphOutput(constant)) graph->swapTensorNames(constant->getName(), folded->getName());
 }
 
 }  // namespace netforge::graphrefiner

@@ -105,6 +105,8 @@ TensorText parseTensor(std::string_view text) {
 
 class GraphReader {
  public:
+  explicit GraphReader(std::shared_ptr<IrGraph> extended) : graph(std::move(extended)) {}
+
   std::shared_ptr<IrGraph> read(std::string_view text) {
     for (const auto& [number, line] : statements(text)) {
       try {
@@ -289,7 +291,8 @@ class GraphReader {
       throw std::invalid_argument("the operands are missing");
     const std::string opType = trim(right.substr(0, open));
     const auto inputs = splitText(right.substr(open + 1, close - open - 1), ',');
-    const auto attributes = readAttributes(opType, plain, splitText(right.substr(close + 1), ' '));
+    const auto words = splitText(right.substr(close + 1), ' ');
+    const auto attributes = readAttributes(opType, plain, words);
     if (opType == "Reshape" && !attributes->hasAttr("shape") && outputs[0].shape) {
       attributes->add("shape", std::make_shared<IrStaticTensor>("shape", outputs[0].shape->dims),
                       ATTR_SUPPLEMENTAL);
@@ -299,6 +302,24 @@ class GraphReader {
                         ? std::make_shared<ops::IrOp>(opName, opType, attributes)
                         : classes.applyMethod(opType, opName, attributes, {}, {});
     addOp(op, inputs, outputs);
+    restoreFactoryTypes(*op, words);
+  }
+
+  // A signed literal of a parameter that the factory makes signed stays so, as in an op that nothing has
+  // canonicalized yet.
+  static void restoreFactoryTypes(const ops::IrOp& op, const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+      const auto [name, value] = parseAssignment(word);
+      Literal literal = parseLiteral(value);
+      if (literal.isTensor || value.front() == '-' || literal.type != ORLO_DATATYPE_INT_32) continue;
+      literal.type.reset();
+      const IrAttribute& attribute = op.getAttributes()->entries().at(name);
+      if (attribute.dataType != ORLO_DATATYPE_UINT_32 ||
+          defaultAttributeType(op.getType(), name, literal) != ORLO_DATATYPE_INT_32) {
+        continue;
+      }
+      op.getAttributes()->add(name, static_cast<std::int32_t>(attribute.intValue), attribute.attrClass);
+    }
   }
 
   static std::shared_ptr<IrAttributes> readAttributes(const std::string& opType, bool plain,
@@ -386,13 +407,17 @@ class GraphReader {
     }
   }
 
-  std::shared_ptr<IrGraph> graph = std::make_shared<IrGraph>("test");
+  std::shared_ptr<IrGraph> graph;
 };
 
 }  // namespace
 
 std::shared_ptr<IrGraph> readGraph(std::string_view text) {
-  return GraphReader().read(text);
+  return GraphReader(std::make_shared<IrGraph>("test")).read(text);
+}
+
+void extendGraph(const std::shared_ptr<IrGraph>& graph, std::string_view text) {
+  GraphReader(graph).read(text);
 }
 
 }  // namespace netforge::testing

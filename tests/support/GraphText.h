@@ -35,6 +35,8 @@ namespace netforge::testing {
 /// Throws std::invalid_argument with the line and what is wrong there; what the graph and the op classes
 /// throw goes through.
 std::shared_ptr<IrGraph> readGraph(std::string_view text);
+/// Adds more statements to a graph; "order" is not among them. Throws like `readGraph`.
+void extendGraph(const std::shared_ptr<IrGraph>& graph, std::string_view text);
 
 /// The text that `readGraph` takes. Tensors that neither an op, a list of the graph nor constant data holds
 /// show as comments. Loads constant data.

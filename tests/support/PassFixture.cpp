@@ -1,6 +1,9 @@
 #include "tests/support/PassFixture.h"
 
 #include <gtest/gtest.h>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include "GraphRefiner/src/Pass.h"
 #include "GraphRefiner/src/PassRegistry.h"
 #include "ir/Failure.h"
@@ -39,7 +42,7 @@ class CaseRun {
     }
     if (passCase.prepare) passCase.prepare(*graph);
     checkInvariants("the graph before");
-    const std::string before = printGraph(*graph);
+    before = printGraph(*graph);
     const auto interfaceBefore = describeInterface(*graph);
 
     CapturedOutput output;
@@ -51,11 +54,16 @@ class CaseRun {
       complain("inputs and outputs of the graph were ", interfaceBefore, " and are ",
                describeInterface(*graph));
     }
-    checkResult(before);
+    checkResult();
+    after = printGraph(*graph);
     if (passCase.inspect) passCase.inspect(*graph);
     checkIdle();
     return complaints;
   }
+
+  /// The graphs in front of and behind the pass; empty for a run that ended with an exception.
+  std::string before;
+  std::string after;
 
  private:
   template <class... Parts>
@@ -73,9 +81,9 @@ class CaseRun {
         pass.runMode == graphrefiner::PassRunMode::Fixpoint && (passCase.allow & kSingleRun) == 0;
     try {
       for (int runs = 0; runs < (repeats ? kMostRuns : 1); ++runs) {
-        const std::string before = printGraph(*graph);
+        const std::string inFront = printGraph(*graph);
         const bool reported = pass.run(graph);
-        const bool changed = before != printGraph(*graph);
+        const bool changed = inFront != printGraph(*graph);
         checkInvariants("the graph behind run " + std::to_string(runs));
         if (reported != changed && !(changed && (passCase.allow & kReportsNothing) != 0)) {
           complain("run ", runs, " returns ", reported ? "true" : "false", " but ",
@@ -95,7 +103,7 @@ class CaseRun {
     return true;
   }
 
-  void checkResult(const std::string& before) {
+  void checkResult() {
     if (passCase.after == unchanged) {
       if (before != printGraph(*graph)) complain("the graph was\n", before, "and is\n", printGraph(*graph));
       return;
@@ -111,9 +119,8 @@ class CaseRun {
 
   void checkIdle() {
     if ((passCase.allow & kKeepsChanging) != 0) return;
-    const std::string before = printGraph(*graph);
     const bool reported = pass.run(graph);
-    if (reported || before != printGraph(*graph)) {
+    if (reported || after != printGraph(*graph)) {
       complain("one more run reports ", reported ? "a change" : "no change", " and leaves\n",
                printGraph(*graph));
     }
@@ -125,6 +132,25 @@ class CaseRun {
   std::vector<std::string> complaints;
 };
 
+void writeFile(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// For the evaluation in Python; see the header.
+void recordCase(const std::string& passName, const PassCase& passCase, const CaseRun& run) {
+  const char* folder = std::getenv("NETFORGE_PASS_CASES");
+  if (folder == nullptr || run.after.empty()) return;
+  static int number = 0;
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  const std::string stem =
+      concatText(test->test_suite_name(), ".", test->name(), ".", std::to_string(++number));
+  const std::string head =
+      concatText("# pass: ", passName, "\n# fault: ", passCase.fault,
+                 "\n# values: ", (passCase.allow & kValuesChange) != 0 ? "may change\n" : "stay\n");
+  writeFile(std::filesystem::path(folder) / (stem + ".before"), head + run.before);
+  writeFile(std::filesystem::path(folder) / (stem + ".after"), head + run.after);
+}
+
 }  // namespace
 
 std::vector<std::string> runPassCase(graphrefiner::Pass& pass, const PassCase& passCase) {
@@ -134,10 +160,12 @@ std::vector<std::string> runPassCase(graphrefiner::Pass& pass, const PassCase& p
 void expectPass(graphrefiner::PassId id, const std::vector<PassCase>& cases) {
   const auto pass = graphrefiner::getPassRegistry().table(graphrefiner::OptimizationStage::PostLayout).at(id);
   for (const PassCase& passCase : cases) {
-    for (const std::string& complaint : runPassCase(*pass, passCase)) {
-      ADD_FAILURE() << graphrefiner::getPassNameFromPassId(id) << ", " << passCase.fault << ":\n"
-                    << complaint;
+    const std::string passName = graphrefiner::getPassNameFromPassId(id);
+    CaseRun run(*pass, passCase);
+    for (const std::string& complaint : run.run()) {
+      ADD_FAILURE() << passName << ", " << passCase.fault << ":\n" << complaint;
     }
+    recordCase(passName, passCase, run);
   }
 }
 

@@ -250,6 +250,10 @@ TEST(SquashConstantTranspose, MovesTheBytes) {
               {.fault = "a graph output loses its name",
                .before = constant + "out t",
                .after = "const t" + turned + "const c[2,3] = 1 2 3 4 5 6\n out t"},
+              {.fault = "a constant that the application reads loses its name to the weight",
+               .before = input + constant + product + "FullyConnected(x, t)\n out c\n out y",
+               .after = input + "const t" + turned + "const c[2,3] = 1 2 3 4 5 6\n" + product +
+                        "FullyConnected(x, t)\n out c\n out y"},
               {.fault = "a chain needs several runs",
                .before = "const c[2,3,1] f16 = 1 2 3 4 5 6\n t = Transpose(c) perm=[1,0,2]\n"
                          "u = Transpose(t) perm=[2,0,1]\n y = Relu(u)\n out y",

@@ -223,9 +223,7 @@ bool MatchGeluApproxPass::sameXEverywhere(const OpPtr& rootOp, const MatchedOps&
     factor = firstNonStaticInput(other->getProducer());
   }
   if (factor != x || rootOp->getOutput(0)->getShape() != x->getShape()) return false;
-  return std::none_of(matches.begin(), matches.end(), [&](const MatchedOps::value_type& entry) {
-    return entry.second && entry.second != rootOp && isGraphOutput(entry.second->getOutput(0));
-  });
+  return !hasInteriorGraphOutput(matches, rootOp);
 }
 
 bool MatchGeluApproxPass::replaceWithGelu(const GraphPtr& graph, const OpPtr& givenRoot,

@@ -25,11 +25,7 @@ SquashConstantTransposePass::SquashConstantTransposePass() {
 
 bool SquashConstantTransposePass::handleTransposeOp(std::shared_ptr<ops::IrOp>& op,
                                                     std::shared_ptr<IrGraph>& graph) {
-  if (op->numInputs() == 0) return false;
-  const auto constant = op->getInput(0);
-  if (!constant->isStatic() || constant->getConsumers().size() >= 2) return false;
-  if (!isTransposableType(constant->getDataType())) return false;
-  if (graph->hasTensor(joinNameParts(op->getName(), constant->getName(), "", ""))) return false;
+  if (!isFoldableConstantTranspose(graph, op)) return false;
   const auto readers = op->getOutput(0)->getConsumers();
   const bool intoNext = std::any_of(readers.begin(), readers.end(), hasWeights);
 
