@@ -38,6 +38,13 @@ def _state(b: Builder, layer: Layer) -> str:
     return b.random_constant(dims) if b.chance(0.4) else b.tensor(dims)
 
 
+def _shapes(b: Builder, x: str, layer: Layer, rank: int) -> list[str]:
+    """The dims of all outputs: without them an op must have every output. The states have this rank."""
+    sequence = [*b.dims(x)[:-1], layer.hidden]
+    state = [1, layer.batch, layer.hidden][3 - rank :]
+    return [f"[{','.join(str(size) for size in dims)}]" for dims in (sequence, state, state)]
+
+
 def _lstm(b: Builder, x: str, layer: Layer, weights: list[str], states: list[str], backward: bool) -> str:
     inputs, recurrents, biases = weights[:4], weights[4:8], weights[8:12]
     empty = b.fresh("null")
@@ -47,7 +54,7 @@ def _lstm(b: Builder, x: str, layer: Layer, weights: list[str], states: list[str
     outputs = b.op(
         "Lstm",
         operands,
-        b.pick([1, 2, 3, 3]),
+        _shapes(b, x, layer, 2)[: b.pick([1, 2, 3, 3])],
         hidden_size=layer.hidden,
         time_major=layer.time_major,
         direction=int(backward),
@@ -59,7 +66,7 @@ def _gru(b: Builder, x: str, layer: Layer, weights: list[str], state: str, backw
     outputs = b.op(
         "Gru",
         [x, *weights, state],
-        b.pick([1, 2, 2]),
+        _shapes(b, x, layer, 3)[: b.pick([1, 2, 2])],
         hidden_size=layer.hidden,
         time_major=layer.time_major,
         direction=int(backward),
