@@ -63,13 +63,15 @@ TEST(ReduceL2, BecomesTheRootOfASumOfSquares) {
   expectPass(
       PassId::ExpandReduceL2Op,
       {{.fault = "kept axes go, or the layouts of the input and the output are mixed up",
-        .before = "in x[2,?3,5] f32 NFC updateable\nr: y[2,1,1] f32 NCF src=NFC = ReduceL2(x) axes=[-1,1] "
-                  "keep_dims=true\nout y",
-        .after = "in x[2,?3,5] f32 NFC updateable\n"
-                 "r_mul[2,?3,5] f32 NFC updateable = Eltwise_Binary(x, x) operation=13\n"
-                 "r_reduced_sum[2,1,1] f32 NCF src=NFC = Reduce(r_mul) axes=[2,1] keep_dims=true "
-                 "reduce_type=ReduceSum\n"
-                 "r_sqrt: y[2,1,1] f32 NCF src=NFC = Eltwise_Unary(r_reduced_sum) operation=15\nout y",
+        .before =
+            "in x[2,?3,5] f32 NFC src=NFC updateable\nr: y[2,1,1] f32 NCF src=NFC = ReduceL2(x) axes=[-1,1] "
+            "keep_dims=true\nout y",
+        .after =
+            "in x[2,?3,5] f32 NFC src=NFC updateable\n"
+            "r_mul[2,?3,5] f32 NFC order=[0,1,2] updateable = Eltwise_Binary(x, x) operation=13\n"
+            "r_reduced_sum[2,1,1] f32 NCF src=NFC order=[0,2,1] = Reduce(r_mul) axes=[2,1] keep_dims=true "
+            "reduce_type=ReduceSum\n"
+            "r_sqrt: y[2,1,1] f32 NCF src=NFC = Eltwise_Unary(r_reduced_sum) operation=15\nout y",
         .prints = "",
         .prepare = [](IrGraph& graph) { addRecords(graph, "r", "y"); },
         .inspect = [](const IrGraph& graph) { expectTraced(graph, "r"); }},
@@ -99,7 +101,7 @@ TEST(ReduceL2, BecomesTheRootOfASumOfSquares) {
 }
 
 TEST(ElementwiseMean, BecomesSumsAndADivision) {
-  const std::string inputs = "in a[3] f32\nin b[2,1] f32\nin c[5,1,1] f32\n";
+  const std::string inputs = "in a[3] f32 order=[0]\nin b[2,1] f32\nin c[5,1,1] f32\n";
   expectPass(
       PassId::ExpandElementwiseMean,
       {{.fault = "a sum has the dims of all inputs instead of those that it reads, or three count as two",
@@ -111,7 +113,11 @@ TEST(ElementwiseMean, BecomesSumsAndADivision) {
                           "z = Relu(y)\nout y\nout z",
         .prints = "",
         .prepare = [](IrGraph& graph) { addRecords(graph, "m", "y"); },
-        .inspect = [](const IrGraph& graph) { expectTraced(graph, "m"); }},
+        .inspect =
+            [](const IrGraph& graph) {
+              expectTraced(graph, "m");
+              EXPECT_TRUE(graph.getTensor("m_add_1")->getPermuteOrder().empty()) << "one of another rank";
+            }},
        {.fault = "a constant in front makes the sum a constant, or a tensor that stands twice counts once",
         .before = "in x[2] f32\nconst k[2] f32 = 1 2\nm: y = Mean(k, x, x)\nout y",
         .after = "in x[2] f32\nconst k[2] f32 = 1 2\nconst m_div_const[1] f32 = 3\n"

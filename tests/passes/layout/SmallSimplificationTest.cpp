@@ -59,6 +59,8 @@ TEST(OptimizeNegation, WritesProductsWithMinusOneAsNegations) {
   const std::string negated = "y = Eltwise_Binary(x, c) operation=13\n out y";
   const std::vector<PassCase> nearMisses = {
       {.fault = "255 passes for -1", .before = product("u8", "255 255 255", "x, c")},
+      {.fault = "an update of the factor has no effect",
+       .before = "in x[2,3]\n const c[3] f32 updateable = fill -1\n" + negated},
       {.fault = "the result shrinks", .before = "in x[1,3]\n const c[2,3] = fill -1\n" + negated},
       {.fault = "a product of constants", .before = "const x[2] = 1 2\n const c[2] = -1 -1\n" + negated},
       {.fault = "a taken name ends the run",
@@ -142,6 +144,8 @@ TEST(SquashConstantInput, ComputesGelu) {
        .before = "const c[3] " + floats + "\n y = ElementWiseNeuron(c) operation=8\n" + reader},
       {.fault = "a quantised constant is read as numbers",
        .before = gelu("sq8 scale=0.5 = 1 2 3", "f32", reader)},
+      {.fault = "an update of the constant has no effect",
+       .before = gelu("f32 updateable = 1 2 3", "f32", reader)},
       {.fault = "64-bit integers end the run", .before = gelu("i64 = 1 2 3", "f32", reader)},
       {.fault = "a computed input counts as a constant",
        .before = "in c[3]\n y = ElementWiseNeuron(c) operation=1\n out y"},
@@ -201,6 +205,7 @@ TEST(FlattenPReluAlpha, KeepsOneElement) {
        .after = prelu("[1] = 2"),
        .inspect = inspect},
       {.fault = "equal NaNs count as equal", .before = prelu("[3] = fill nan")},
+      {.fault = "an update no longer fits", .before = prelu("[3] f32 updateable = fill 2")},
       {.fault = "another type is read", .before = prelu("[3] u8 = fill 2")},
       {.fault = "a single element changes", .before = prelu("[1] = 2")},
       {.fault = "another op's slope loses its name", .before = prelu("[3] = fill 2", "z = Relu(a)\n out z")},

@@ -52,10 +52,10 @@ bool ExpandReduceL2OpRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, Matc
   OpExpansion expansion(graph, op);
   const auto product = OpExpansion::tensorLike(productName, input->getShape(), *input);
   expansion.addOp("Eltwise_Binary", productName, {{"operation", kMultiply}}, {input, input}, product);
-  const auto sum = std::make_shared<IrTensor>(
-      sumName, shape.dims, input->getDataType(), input->getSrcDataType(), input->isQuantizable(),
-      input->getQuantInfo(), output->getAxisFormat(), output->getSrcAxisFormat(), TensorType::Native,
-      output->getExplicitPermuteOrder());
+  const auto sum =
+      std::make_shared<IrTensor>(sumName, shape.dims, input->getDataType(), input->getSrcDataType(),
+                                 input->isQuantizable(), input->getQuantInfo(), output->getAxisFormat(),
+                                 output->getSrcAxisFormat(), TensorType::Native, output->getPermuteOrder());
   sum->setShape(shape);
   expansion.addOp("Reduce", sumName, {{"reduce_type", "ReduceSum"}, {"axes", axes}, {"keep_dims", keepDims}},
                   {product}, sum);

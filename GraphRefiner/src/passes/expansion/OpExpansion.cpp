@@ -5,6 +5,17 @@
 
 namespace netforge::graphrefiner {
 
+namespace {
+
+// The way back to the source layout; none for a tensor of another rank, say a sum that broadcasts.
+std::vector<std::uint32_t> permuteOrderFor(const IrTensorShape& shape, const IrTensor& model) {
+  std::vector<std::uint32_t> order = model.getPermuteOrder();
+  if (order.size() != shape.rank()) order.clear();
+  return order;
+}
+
+}  // namespace
+
 bool OpExpansion::areFree(const std::shared_ptr<IrGraph>& graph, const std::vector<std::string>& names) {
   return std::none_of(names.begin(), names.end(),
                       [&](const std::string& name) { return graph->hasTensor(name) || graph->hasOp(name); });
@@ -29,17 +40,17 @@ OpExpansion::TensorPtr OpExpansion::tensorLike(const std::string& name, const Ir
   const auto tensor = std::make_shared<IrTensor>(
       name, shape.dims, model.getDataType(), model.getSrcDataType(), model.isQuantizable(),
       model.getQuantInfo(), model.getAxisFormat(), model.getSrcAxisFormat(), TensorType::Native,
-      model.isUpdateable(), model.getExplicitPermuteOrder());
+      model.isUpdateable(), permuteOrderFor(shape, model));
   tensor->setShape(shape);
   return tensor;
 }
 
 OpExpansion::TensorPtr OpExpansion::plainTensorLike(const std::string& name, const IrTensorShape& shape,
                                                     const IrTensor& model) {
-  const auto tensor = std::make_shared<IrTensor>(name, shape.dims, model.getDataType(),
-                                                 model.getSrcDataType(), isFloatDataType(model.getDataType()),
-                                                 QuantInfo(), model.getAxisFormat(), model.getSrcAxisFormat(),
-                                                 TensorType::Native, model.getExplicitPermuteOrder());
+  const auto tensor =
+      std::make_shared<IrTensor>(name, shape.dims, model.getDataType(), model.getSrcDataType(),
+                                 isFloatDataType(model.getDataType()), QuantInfo(), model.getAxisFormat(),
+                                 model.getSrcAxisFormat(), TensorType::Native, permuteOrderFor(shape, model));
   tensor->setShape(shape);
   return tensor;
 }

@@ -37,7 +37,8 @@ bool isQuantizedOrOverridden(const std::shared_ptr<IrTensor>& tensor) {
 }
 
 bool isFloatConstant(const StaticTensorPtr& tensor) {
-  if (!tensor || tensor->getDataType() != ORLO_DATATYPE_FLOAT_32 || tensor->getShape().hasDynamicAxes()) {
+  if (!tensor || tensor->isUpdateable() || tensor->getDataType() != ORLO_DATATYPE_FLOAT_32 ||
+      tensor->getShape().hasDynamicAxes()) {
     return false;
   }
   const std::uint64_t count = tensor->elements();

@@ -13,7 +13,8 @@ namespace netforge::graphrefiner {
 
 /// Whether the tensor carries fixed-point values or a range that the user gave.
 bool isQuantizedOrOverridden(const std::shared_ptr<IrTensor>& tensor);
-/// Whether the constant holds 32-bit floats, as many as its dims say and at least one.
+/// Whether the constant holds 32-bit floats, as many as its dims say and at least one, and keeps them after
+/// compilation.
 bool isFloatConstant(const StaticTensorPtr& tensor);
 /// Whether the constant has one element, or one for each of that many channels along its last axis.
 bool isPerChannel(const StaticTensorPtr& tensor, std::uint64_t channels);

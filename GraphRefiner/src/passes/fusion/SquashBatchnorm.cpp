@@ -248,14 +248,14 @@ bool squashBatchnorm::foldIntoConv(const GraphPtr& graph, const OpPtr& convOp, c
   ConvWeights own = weights;
   own.tensor = staticInput(op, 1);
   overwrite(own.tensor, scaleConvWeights(own, operands->gamma));
-  if (hasBias) {
-    const StaticTensorPtr bias = staticInput(op, 2);
+  const StaticTensorPtr bias = hasBias ? staticInput(op, 2) : nullptr;
+  if (bias) {
     overwrite(bias, foldBias(bias, operands->gamma, operands->beta));
-    graph->updateTensorName(bias->getName(), biasName);
   } else if (needsBias) {
     addBias(graph, op, batchnormOp, operands->beta, freeBiasName(*graph, op->getName()));
   }
   graph->updateTensorName(own.tensor->getName(), weightsName);
+  if (bias) graph->updateTensorName(bias->getName(), biasName);
   if (op->getType() == "Conv2d" || op->getType() == "DepthWiseConv2d") {
     keepOverriddenOperand(op, "gamma", operands->gamma);
     keepOverriddenOperand(op, "beta", operands->beta);

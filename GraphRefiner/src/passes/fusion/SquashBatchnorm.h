@@ -18,10 +18,10 @@ namespace netforge::graphrefiner {
 /// place, after the op got copies of its own of those that others read; those of a convolution get the suffix
 /// "_fused_bn", which shows in dumps that they have changed.
 ///
-/// Refuses: constants that are quantised, overridden, not float 32 or graph outputs; gamma and beta that
-/// don't fit the output channels or the bias; a bias that is computed; a tensor in between that others or the
-/// application read; a convolution without a bias unless the graph accepts that; taken names. The groups of a
-/// transposed convolution with channel-first weights all take the first group's gamma.
+/// Refuses: constants that are quantised, overridden, updateable, not float 32 or graph outputs; gamma and
+/// beta that don't fit the output channels or the bias; a bias that is computed; a tensor in between that
+/// others or the application read; a convolution without a bias unless the graph accepts that; taken names.
+/// The groups of a transposed convolution with channel-first weights all take the first group's gamma.
 class squashBatchnorm : public MatchAndRewriteRule {
  public:
   using GraphPtr = std::shared_ptr<IrGraph>;

@@ -63,7 +63,7 @@ FlattenPReluAlphaPass::FlattenPReluAlphaPass() {
 bool FlattenPReluAlphaPass::handlePreluOp(std::shared_ptr<ops::IrOp>& op, std::shared_ptr<IrGraph>& graph) {
   if (op->numInputs() < 2) return false;
   const auto alpha = std::dynamic_pointer_cast<IrStaticTensor>(op->getInput(1));
-  if (!alpha || alpha->getDims() == std::vector<std::uint32_t>{1}) return false;
+  if (!alpha || alpha->isUpdateable() || alpha->getDims() == std::vector<std::uint32_t>{1}) return false;
   if (alpha->getConsumers().size() != 1 || op->getInput(0) == alpha || isGraphOutput(alpha)) return false;
   const ElementKind kind = elementKind(alpha->getDataType());
   const std::uint64_t count = alpha->elements();

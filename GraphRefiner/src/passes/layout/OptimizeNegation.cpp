@@ -66,7 +66,7 @@ bool OptimizeNegationMultiplyRule::rewriteCallback(GraphPtr& graph, MatchedOps& 
       factor = input;
     }
   }
-  if (!constant || !factor || root->numInputs() != 2) return false;
+  if (!constant || constant->isUpdateable() || !factor || root->numInputs() != 2) return false;
   if (factor->getShape() != root->getOutput(0)->getShape()) return false;
   const std::string name = root->getName() + "_neg";
   if (graph->hasOp(name) || !isAllMinusOne(constant)) return false;

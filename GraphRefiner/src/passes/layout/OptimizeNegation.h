@@ -10,8 +10,9 @@ namespace netforge::graphrefiner {
 ///
 ///   before   x, c = -1 -> Eltwise_Binary (product) p -> y          after    x -> Eltwise_Unary p_neg -> y
 ///
-/// Refuses: a constant with another element, of a type that can't say -1 (`isAllMinusOne`), or one that
-/// broadcasts x to a larger shape; a product of two constants. OptimizeNegationAddRule takes the result on.
+/// Refuses: a constant with another element, of a type that can't say -1 (`isAllMinusOne`), that can be
+/// updated, or that broadcasts x to a larger shape; a product of two constants. OptimizeNegationAddRule takes
+/// the result on.
 class OptimizeNegationMultiplyRule : public MatchAndRewriteRule {
  public:
   OptimizeNegationMultiplyRule();

@@ -74,7 +74,7 @@ bool SquashConstantInputPass::handleNeuronOp(std::shared_ptr<ops::IrOp>& op,
                                              std::shared_ptr<IrGraph>& graph) {
   if (op->numInputs() != 1 || op->numOutputs() != 1 || !hasOperation(op, kGelu)) return false;
   const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(op->getInput(0));
-  if (!constant || constant->isQuantized()) return false;
+  if (!constant || constant->isUpdateable() || constant->isQuantized()) return false;
   const ElementReader reader = elementReader(constant->getDataType());
   const auto output = op->getOutput(0);
   if (reader.width == 0 || constant->getDims() != output->getDims() || output->getShape().hasDynamicAxes() ||

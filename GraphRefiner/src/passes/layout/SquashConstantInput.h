@@ -12,8 +12,8 @@ namespace netforge::graphrefiner {
 ///
 /// The exact GELU, x / 2 * (1 + erf(x / sqrt(2))), in 32-bit floats whatever the type of c, so the result of
 /// an integer constant isn't rounded.
-/// Refuses: other neurons; a quantised constant and types that aren't plain numbers of at most 32 bits; a
-/// Transpose of a constant that others read too; a taken name.
+/// Refuses: other neurons; a constant that is quantised or can be updated, and types that aren't plain
+/// numbers of at most 32 bits; a Transpose of a constant that others read too; a taken name.
 class SquashConstantInputPass : public OpTransformPass<SquashConstantInputPass> {
  public:
   SquashConstantInputPass();
