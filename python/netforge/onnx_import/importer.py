@@ -17,6 +17,7 @@ from netforge.onnx_import import (  # noqa: F401  the modules enter their conver
     ops_movement,
     ops_normalization,
     ops_pooling,
+    ops_recurrent,
     ops_reduction,
 )
 from netforge.onnx_import.account import ImportAccount
