@@ -32,6 +32,9 @@ _NOT_REPEATABLE = frozenset(
     )
 )
 
+# The evaluator passes over some of their attributes and inputs.
+_NOT_EVALUATED = frozenset(("GRU", "LSTM", "RNN"))
+
 _SAME_BYTES = frozenset(("Flatten", "Identity", "Reshape", "Squeeze", "Unsqueeze"))
 
 
@@ -63,7 +66,7 @@ class Folder:
         if node.op_type == "Constant":
             self.constants[node.output[0]] = constant_of_node(node)
             return True
-        if node.op_type in _NOT_REPEATABLE or any(_holds_graph(attribute) for attribute in node.attribute):
+        if node.op_type in _NOT_REPEATABLE | _NOT_EVALUATED or any(_holds_graph(attribute) for attribute in node.attribute):
             return False
         if node.op_type == "ConstantOfShape":
             return self._fold_fill(node)
