@@ -35,15 +35,17 @@ def _all_directions(
     x: np.ndarray,
     states: list[np.ndarray | None],
     lengths: np.ndarray | None,
-    direction: str,
-    layout: int,
+    direction: str | None,
+    layout: int | None,
     hidden: int,
     run: Pass,
 ) -> list[np.ndarray]:
     """Y and the final states. Sequences of one length are computed together; behind their end Y is zero."""
     x = x.swapaxes(0, 1) if layout else x
     steps, batch = x.shape[:2]
-    backwards = {"forward": [False], "reverse": [True], "bidirectional": [False, True]}[direction]
+    backwards = {"forward": [False], "reverse": [True], "bidirectional": [False, True]}[
+        direction or "forward"
+    ]
     shape = (len(backwards), batch, hidden)
     initial = [
         np.zeros(shape, x.dtype) if state is None else state.swapaxes(0, 1) if layout else state
@@ -78,7 +80,7 @@ class LSTM(OpRun):
             raise NotImplementedError("clip and input_forget")
         hidden = r.shape[-1]
         functions = _activations(activations, ("Sigmoid", "Tanh", "Tanh"), len(w))
-        bias = np.zeros((len(w), 4 * hidden), x.dtype) if b is None else b[:, : 4 * hidden] + b[:, 4 * hidden :]
+        bias = np.zeros((len(w), 4 * hidden), x.dtype) if b is None else sum(np.split(b, 2, axis=1))
         peepholes = np.zeros((len(w), 3 * hidden), x.dtype) if p is None else p
 
         def run(x, states, place):
@@ -94,9 +96,7 @@ class LSTM(OpRun):
                 outputs.append(h)
             return outputs, [h, c]
 
-        found = _all_directions(
-            x, [initial_h, initial_c], sequence_lens, direction or "forward", layout or 0, hidden, run
-        )
+        found = _all_directions(x, [initial_h, initial_c], sequence_lens, direction, layout, hidden, run)
         return tuple(found[: len(self.onnx_node.output)])
 
 
@@ -130,7 +130,7 @@ class GRU(OpRun):
                 outputs.append(h)
             return outputs, [h]
 
-        found = _all_directions(x, [initial_h], sequence_lens, direction or "forward", layout or 0, hidden, run)
+        found = _all_directions(x, [initial_h], sequence_lens, direction, layout, hidden, run)
         return tuple(found[: len(self.onnx_node.output)])
 
 
@@ -143,7 +143,7 @@ class RNN(OpRun):
             raise NotImplementedError("clip")
         hidden = r.shape[-1]
         functions = _activations(activations, ("Tanh",), len(w))
-        bias = np.zeros((len(w), hidden), x.dtype) if b is None else b[:, :hidden] + b[:, hidden:]
+        bias = np.zeros((len(w), hidden), x.dtype) if b is None else sum(np.split(b, 2, axis=1))
 
         def run(x, states, place):
             (h,) = states
@@ -153,7 +153,7 @@ class RNN(OpRun):
                 outputs.append(h)
             return outputs, [h]
 
-        found = _all_directions(x, [initial_h], sequence_lens, direction or "forward", layout or 0, hidden, run)
+        found = _all_directions(x, [initial_h], sequence_lens, direction, layout, hidden, run)
         return tuple(found[: len(self.onnx_node.output)])
 
 

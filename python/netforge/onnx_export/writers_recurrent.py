@@ -113,9 +113,7 @@ def gru(op: OpWriter) -> None:
         _joined(op, (4, 5, 6), (1, 3 * rows, rows), "recurrent_weight"),
         _joined(op, range(7, 13), (1, 6 * rows), "bias"),
     ]
-    attributes: dict[str, object] = {
-        "linear_before_reset": int(bool(op.attribute("linear_before_reset", 0)))
-    }
+    attributes: dict[str, object] = {"linear_before_reset": int(bool(op.attribute("linear_before_reset", 0)))}
     if activations != ["Sigmoid", "Tanh"]:
         attributes["activations"] = activations
     _write(op, "GRU", parameters, (13,), (0, 1), attributes)

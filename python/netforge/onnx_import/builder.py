@@ -137,15 +137,15 @@ class Builder:
         return name
 
     def get_part(self, value: str, label: str, array: np.ndarray) -> str:
-        """A constant that is cut from one of the model, named after it; shared by all that ask for the same."""
+        """A constant that is cut from one of the model, named after it; all that ask for it share it."""
         key = ("part", label, array.shape)
         if (value, key) not in self._forms:
             name = self._free_tensor_name(f"{value}_{label}")
-            constant = Constant.from_array(np.ascontiguousarray(array), self.model.constants[value].elem_type)
-            format = plain_format(len(constant.dims))
-            tensor = PlannedTensor(name, constant.elem_type, constant.dims, format, format, "static", constant)
-            tensor.source = value
-            self._enter(tensor, key)
+            elem_type, format = self.model.constants[value].elem_type, plain_format(array.ndim)
+            constant = Constant.from_array(np.ascontiguousarray(array), elem_type)
+            self._enter(
+                PlannedTensor(name, elem_type, array.shape, format, format, "static", constant, value), key
+            )
         return self._forms[(value, key)]
 
     def absent(self) -> str:

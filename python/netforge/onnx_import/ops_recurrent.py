@@ -36,8 +36,8 @@ class _Result:
 class _Layer:
     """What both operators have in common: sizes, weights by gate, states, and how results are put together.
 
-    Weights are [directions, gates * hidden, columns], initial and final states [directions, batch, hidden] or,
-    batch first, [batch, directions, hidden].
+    Weights are [directions, gates * hidden, columns], initial and final states [directions, batch, hidden]
+    or, batch first, [batch, directions, hidden].
     """
 
     def __init__(self, builder: Builder, node: Node, gates: tuple[str, ...]) -> None:
@@ -224,12 +224,13 @@ def lstm(builder: Builder, node: Node) -> None:
     rows = layer.biases.reshape(len(layer.directions), 2, -1)
     bias = rows[:, 0] + rows[:, 1]
     states = layer.initial_states(5, "hidden"), layer.initial_states(6, "cell")
+    arrays = {1: layer.weights, 2: layer.recurrent, 3: bias}
     inputs = []
     for index in range(len(layer.directions)):
         names = [builder.get(node.inputs[0])] + [builder.absent()] * (_LSTM_PLACES - 1)
         for gate, places in enumerate(_LSTM_GATES.values()):
-            for place, array, to in zip((1, 2, 3), (layer.weights, layer.recurrent, bias), places, strict=True):
-                names[to] = layer.part(place, array, index, gate)
+            for (place, array), target in zip(arrays.items(), places, strict=True):
+                names[target] = layer.part(place, array, index, gate)
         names[10], names[11] = states[0][index], states[1][index]
         inputs.append(names)
     state = (layer.batch, layer.hidden)
