@@ -53,6 +53,8 @@ class GraphWriter:
         self.channel_last = isinstance(graph.axisOrder, netforge.SpatialFirstAxisOrder)
         # Values with their channels last -> the same with the channels behind the batch.
         self.channel_first_forms: dict[str, str] = {}
+        self.places: dict[str, str] = {}  # sparse values -> the coordinates of their rows
+        self.places_in: dict[str, str] = {}  # index tensors -> the coordinates that they hold
         self.aliases: dict[str, str] = {}  # tensors that another value stands for
         self._tensors: dict[str, netforge.IrTensor] = dict(graph.tensors)
         self._names = set(self._tensors)

@@ -137,6 +137,10 @@ class OpWriter:
         self._temporaries.add(name)
         return name
 
+    def keep(self, value: str) -> None:
+        """Lets later ops read the value by this name: no output takes it over."""
+        self._temporaries.discard(value)
+
     def constant(self, values: object, kind: int, hint: str = "constant") -> str:
         return self.graph.constant(np.array(values, dtype=numpy_type(kind)), f"{self.op.name}_{hint}")
 

@@ -47,6 +47,7 @@ _PLACEHOLDER = 1  # size that stands at a dynamic axis
 def emit(plan: Plan, model: Model, name: str, spatial_first: bool) -> netforge.IrGraph:
     order = netforge.SpatialFirstAxisOrder() if spatial_first else netforge.OnnxAxisOrder()
     graph = netforge.IrGraph(name, order)
+    graph.acceptsBiaslessFold = True  # a convolution takes a bias as its third input
     shown = [plan.tensors[value] for value in model.outputs]
     inputs = [plan.tensors[value] for value in model.inputs]
     # The lists of inputs and outputs keep the order in which their tensors are entered.

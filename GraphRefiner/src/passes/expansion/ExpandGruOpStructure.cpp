@@ -117,7 +117,7 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
               << sequence.steps << std::endl;
     return false;
   }
-  if (op->numInputs() <= kInitialHidden) return false;
+  if (op->numInputs() <= kInitialHidden || hasDynamicInput(op)) return false;
   const auto x = op->getInput(0);
   const auto h0 = op->getInput(kInitialHidden);
   const bool flattensState = h0->getRank() == 3;

@@ -141,7 +141,7 @@ bool ExpandLstmOpStructurePass::rewriteCallback(std::shared_ptr<IrGraph>& graph,
     return refuse("LSTM ", name, " hidden and cell state dimensions must match");
 
   const TimeSequence sequence = readTimeSequence(op);
-  if (sequence.steps == 0 || initial[0]->getRank() == 0) return false;
+  if (sequence.steps == 0 || initial[0]->getRank() == 0 || hasDynamicInput(op)) return false;
   const std::uint32_t hidden = initial[0]->getDims().back();
   const std::vector<std::uint32_t> flatX{sequence.batch, sequence.features};
   const std::vector<std::uint32_t> flatState{sequence.batch, hidden};

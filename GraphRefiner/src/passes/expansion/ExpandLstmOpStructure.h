@@ -24,7 +24,8 @@ namespace netforge::graphrefiner {
 /// name. Ops that share weights, initial states or x share what is made of them, which is found again by
 /// name. Clipping, projection, peepholes and a reset of the state are not expanded: those inputs and
 /// attributes go. Refuses: other than 15 to 25 inputs; a missing input; weights that aren't constant or don't
-/// go together; states of different dims; no time step; a generated name that stands for something else.
+/// go together; states of different dims; no time step; dynamic axes; a generated name that stands for
+/// something else.
 class ExpandLstmOpStructurePass : public MatchAndRewriteRule {
  public:
   ExpandLstmOpStructurePass();

@@ -41,7 +41,7 @@ bool UnrollGruTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Matche
     return false;
   }
   const TimeSequence sequence = readTimeSequence(op);
-  if (!sequence.ranked3 || sequence.steps == 0 || op->numOutputs() == 0) return false;
+  if (!sequence.ranked3 || sequence.steps == 0 || op->numOutputs() == 0 || hasDynamicInput(op)) return false;
   const auto x = op->getInput(inputIndex);
   const auto output = op->getOutput(0);
   const bool hasHiddenOutput = op->numOutputs() > hiddenOutputIndex;

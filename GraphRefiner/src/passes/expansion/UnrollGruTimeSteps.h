@@ -15,7 +15,7 @@ namespace netforge::graphrefiner {
 /// The steps keep rank 3. A backward Gru reads the pieces from the last one on, and the Concat puts its
 /// results in the order of time. An x of one step needs no Split and no Concat. A Gru with one output gets
 /// `<op>_hidden_output_dummy<t>` for the states between the steps.
-/// Refuses: fewer than 14 inputs; an x of rank 2; no time step; a generated name that is taken.
+/// Refuses: fewer than 14 inputs; an x of rank 2; no time step; dynamic axes; a generated name that is taken.
 class UnrollGruTimeSteps : public MatchAndRewriteRule {
  public:
   UnrollGruTimeSteps();

@@ -42,7 +42,7 @@ bool UnrollLstmTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Match
   const auto op = matchedOps.at(rootPattern);
   if (op->numInputs() <= initialCellInputIndex || op->numOutputs() == 0) return false;
   const TimeSequence sequence = readTimeSequence(op);
-  if (!sequence.ranked3 || sequence.steps == 0) return false;
+  if (!sequence.ranked3 || sequence.steps == 0 || hasDynamicInput(op)) return false;
   const std::string opName = op->getName();
   const auto x = op->getInput(inputIndex);
   const std::uint32_t steps = sequence.steps;

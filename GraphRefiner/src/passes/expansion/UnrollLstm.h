@@ -15,7 +15,8 @@ namespace netforge::graphrefiner {
 /// The step ops read rank-2 inputs and run forwards; a backward Lstm reads the pieces from the last one on,
 /// and the Concat puts its results in the order of time. An x of one step needs no Split and no Concat.
 /// Outputs that the Lstm doesn't have are made for the steps all the same, since the states go through them.
-/// Refuses: an x of rank 2, which is one step already; no time step; a generated name that is taken.
+/// Refuses: an x of rank 2, which is one step already; no time step; dynamic axes; a generated name that is
+/// taken.
 class UnrollLstmTimeSteps : public MatchAndRewriteRule {
  public:
   UnrollLstmTimeSteps();

@@ -19,7 +19,7 @@ TimeSequence readTimeSequence(const std::shared_ptr<ops::IrOp>& op) {
   TimeSequence sequence;
   const auto x = op->getInput(0);
   const auto& dims = x->getDims();
-  if ((dims.size() != 2 && dims.size() != 3) || x->getShape().hasDynamicAxes()) return sequence;
+  if (dims.size() != 2 && dims.size() != 3) return sequence;
   sequence.timeMajor = attributeOr(op, "time_major", false);
   sequence.backward = attributeOr<std::uint32_t>(op, "direction", 0) != 0;
   sequence.timeAxis = sequence.timeMajor ? 0 : 1;
@@ -28,6 +28,12 @@ TimeSequence readTimeSequence(const std::shared_ptr<ops::IrOp>& op) {
   sequence.steps = sequence.ranked3 ? dims[sequence.timeAxis] : 1;
   sequence.batch = sequence.ranked3 ? dims[1 - sequence.timeAxis] : dims[0];
   return sequence;
+}
+
+bool hasDynamicInput(const std::shared_ptr<ops::IrOp>& op) {
+  const auto inputs = op->getInputs();
+  return std::any_of(inputs.begin(), inputs.end(),
+                     [](const auto& input) { return input->getShape().hasDynamicAxes(); });
 }
 
 bool areFreeTensorNames(const IrGraph& graph, const std::vector<std::string>& names) {

@@ -25,8 +25,11 @@ struct TimeSequence {
   std::vector<std::string> reordered(std::vector<std::string> names) const;
 };
 
-/// A sequence of no steps when x has another rank than 2 and 3 or a dynamic axis.
+/// A sequence of no steps when x has another rank than 2 and 3.
 TimeSequence readTimeSequence(const std::shared_ptr<ops::IrOp>& op);
+
+/// Whether an input has a dynamic axis: the step ops need all dims.
+bool hasDynamicInput(const std::shared_ptr<ops::IrOp>& op);
 
 /// The attribute, or a default when the op has none.
 template <class T>
