@@ -115,7 +115,11 @@ PLAIN = {
         "its activations aren't Sigmoid, Tanh and Tanh",
     ),
     "activations of one direction": (
-        Case("GRU", direction="bidirectional", attributes={"activations": ["Relu", "Tanh", "Tanh", "Tanh"]}),
+        Case(
+            "GRU",
+            direction="bidirectional",
+            attributes={"activations": ["Sigmoid", "Tanh", "Sigmoid", "Relu"]},
+        ),
         "its directions have different activations",
     ),
     "other operator": (

@@ -11,6 +11,7 @@ import onnx
 import onnxruntime
 import pytest
 import sample_models
+from export_graphs import one_op_graph, run
 from import_cases import LAYOUTS, check_graph, node_cases, with_constants
 from netforge import OnnxExportError, Verdict
 from netforge.checking import Checker
@@ -129,6 +130,20 @@ def test_the_export_names_what_onnx_lacks(op_type: str, change: dict, message: s
         op.attributes.add(name, value, 1)
     with pytest.raises(OnnxExportError, match=message):
         netforge.to_onnx(graph)
+
+
+def test_weights_that_a_run_computes_are_written_too() -> None:
+    random = np.random.default_rng(3)
+    dims = [(4, 2, 3), *[(5, 3)] * 3, *[(5, 5)] * 3, *[(5,)] * 6, (2, 5)]
+    arrays = [random.standard_normal(size).astype(np.float32) for size in dims]
+    shapes = [np.zeros(size, np.float32) for size in ((4, 2, 5), (1, 2, 5))]
+    values = {"hidden_size": np.uint32(5), "time_major": True}
+    results = []
+    for static in ((), range(1, 13)):
+        model = netforge.to_onnx(one_op_graph("Gru", values, arrays, shapes, static=static))
+        results.append(run(model, {f"x{place}": array for place, array in enumerate(arrays)}))
+    for computed, constant in zip(*results, strict=True):
+        np.testing.assert_allclose(computed, constant, 1e-5, 1e-6)
 
 
 def published_cases() -> list[tuple[object, onnx.ModelProto]]:

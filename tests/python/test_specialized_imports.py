@@ -2,6 +2,10 @@
 
 from __future__ import annotations
 
+import subprocess
+import sys
+from pathlib import Path
+
 import netforge
 import numpy as np
 import onnx
@@ -77,3 +81,14 @@ def test_what_does_not_fit_is_named(options: dict, message: str) -> None:
     with pytest.raises(OnnxImportError) as caught:
         netforge.from_onnx(gated_model(), **options)
     assert caught.value.reason == message
+
+
+def test_the_command_settles_and_checks(tmp_path: Path) -> None:
+    """The check runs the model's file, which has the inputs that the graph lacks."""
+    onnx.save(gated_model(), tmp_path / "gated.onnx")
+    line = [sys.executable, "-m", "netforge", "optimize", "gated.onnx", "--check"]
+    line += ["--input-shape", "x=3,4", "--input-value", "rate=16000"]
+    done = subprocess.run(line, cwd=tmp_path, capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    assert "worst: same bits" in done.stdout
+    assert "compared with the imported graph" not in done.stdout

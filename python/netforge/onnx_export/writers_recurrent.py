@@ -23,6 +23,14 @@ def _value(op: OpWriter, place: int) -> str:
     return op.cast(op.input(place), FLOAT)
 
 
+def _matrix(op: OpWriter, place: int) -> tuple[int, int]:
+    """Rows and columns of a weight."""
+    dims = op.static_dims(_value(op, place))
+    if len(dims) != 2:
+        raise op.fail(f"its input {place} is no matrix")
+    return dims
+
+
 def _joined(op: OpWriter, places: Sequence[int], dims: tuple[int, ...], hint: str) -> str:
     """Inputs behind one another along axis 0, as a tensor of the given dims that zeros fill up."""
     values = [_value(op, place) for place in places]
@@ -88,8 +96,8 @@ def lstm(op: OpWriter) -> None:
         if op.input(place):
             raise op.fail(f"its input {place} has no counterpart in ONNX")
 
-    rows, columns = op.static_dims(_value(op, _LSTM_WEIGHTS[0]))
-    hidden = op.static_dims(_value(op, _LSTM_RECURRENT[0]))[-1]
+    rows, columns = _matrix(op, _LSTM_WEIGHTS[0])
+    hidden = _matrix(op, _LSTM_RECURRENT[0])[1]
     parameters = [
         _joined(op, _LSTM_WEIGHTS, (1, 4 * rows, columns), "weight"),
         _joined(op, _LSTM_RECURRENT, (1, 4 * rows, hidden), "recurrent_weight"),
@@ -107,7 +115,7 @@ def gru(op: OpWriter) -> None:
     for name in activations:
         if name not in _ACTIVATIONS:
             raise op.fail(f"it has the activation '{name}', expected one of {', '.join(_ACTIVATIONS)}")
-    rows, columns = op.static_dims(_value(op, 1))
+    rows, columns = _matrix(op, 1)
     parameters = [
         _joined(op, (1, 2, 3), (1, 3 * rows, columns), "weight"),
         _joined(op, (4, 5, 6), (1, 3 * rows, rows), "recurrent_weight"),
