@@ -40,10 +40,11 @@ def check_run(
 
 
 def _original(options: argparse.Namespace) -> Checker:
-    """The model's file, but where its weights were replaced, or the runtime is older than the model: then the
-    imported graph."""
+    """The model's file, but where its weights or inputs were replaced by constants, or the runtime is older
+    than the model: then the imported graph. Branches that a constant decides would keep the file from being
+    run in double precision."""
     path: Path = options.model
-    if options.random_weights is None:
+    if options.random_weights is None and not options.input_value:
         try:
             return Checker(_settled(path, options))
         except Exception as error:
@@ -57,8 +58,8 @@ def _original(options: argparse.Namespace) -> Checker:
 
 
 def _settled(path: Path, options: argparse.Namespace) -> Path | onnx.ModelProto:
-    """The file, or its model with the inputs that the options settle."""
-    if not options.input_shape and not options.input_value:
+    """The file, or its model with the shapes that the options settle."""
+    if not options.input_shape:
         return path
     return specialize(onnx.load(path), **settled_inputs(options))
 
