@@ -112,7 +112,7 @@ PLAIN = {
         Case("LSTM", attributes={"activations": ["Sigmoid", "Relu", "Tanh"]}),
         "its activations aren't Sigmoid, Tanh and Tanh"),
     "activations of one direction": (
-        Case("GRU", direction="bidirectional", attributes={"activations": ["Tanh", "Tanh", "Sigmoid", "Tanh"]}),
+        Case("GRU", direction="bidirectional", attributes={"activations": [*["Tanh"] * 3, "Relu"]}),
         "its directions have different activations"),
     "rnn": (Case("RNN", direction="bidirectional", lengths=(3, 4)),
         "no op of the catalogue stands for this operator"),
