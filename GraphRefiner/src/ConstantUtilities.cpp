@@ -37,7 +37,7 @@ bool allElementsEqual(const StaticTensorPtr& tensor, T value) {
 std::vector<std::uint32_t> readWords(IrStaticTensor& tensor, std::uint64_t count) {
   tensor.getData();  // getElement doesn't load
   std::vector<std::uint32_t> words;
-  words.reserve(count);
+  words.reserve(std::min<std::uint64_t>(count, tensor.getDataSize() / sizeof(std::uint32_t)));
   for (std::uint64_t i = 0; i < count; ++i) words.push_back(tensor.getElement(i));
   return words;
 }

@@ -135,9 +135,13 @@ bool canInsertOrReuseTranspose(const std::shared_ptr<IrGraph>& graph, const std:
                                const Permutation& perm);
 /// Whether the tensor's quantisation differs along its axes, so that it doesn't outlive a change of layout.
 bool isEncodedAlongAxes(const IrTensor& tensor);
+/// The axis of an encoding with one entry per channel; none for every other encoding.
+std::optional<std::uint32_t> findChannelAxis(const IrTensor& tensor);
+/// Tells an encoding with one entry per channel that the channels stand at this axis.
+void setChannelAxis(IrTensor& tensor, std::uint32_t axis);
 
-/// Whether the op permutes a constant that it alone reads, of a type that can be permuted, and the name that
-/// `squashConstantTranspose` would give is free.
+/// Whether the op permutes a constant that it alone reads, of a type and encoding that can be permuted, and
+/// the name that `squashConstantTranspose` would give is free.
 bool isFoldableConstantTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 
 // --- edits ---
@@ -200,11 +204,11 @@ void copyTypeAndEncoding(const std::shared_ptr<IrTensor>& from, const std::share
 /// Lets a constant that is not yet in the graph take the readers, the place and the name of another.
 void supersedeConstant(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<IrTensor>& constant,
                        const StaticTensorPtr& successor);
-/// Folds a Transpose of a constant into the constant. Mind the order: OP before GRAPH. With `intoNext` the
-/// constant that the next op reads keeps the name of the constant that it replaces, unless the application
-/// reads that one by this name; else it gets the name of the Transpose's output. Does nothing when the input
-/// is not static; reports on standard output and does nothing when that output (without `intoNext`: the
-/// input) is a graph output.
+/// Folds a Transpose of a constant into the constant; an encoding per channel follows its axis. Mind the
+/// order: OP before GRAPH. With `intoNext` the constant that the next op reads keeps the name of the constant
+/// that it replaces, unless the application reads that one by this name; else it gets the name of the
+/// Transpose's output. Does nothing when the input is not static; reports on standard output and does nothing
+/// when that output (without `intoNext`: the input) is a graph output.
 void squashConstantTranspose(const std::shared_ptr<ops::IrOp>& op, const std::shared_ptr<IrGraph>& graph,
                              bool intoNext);
 

@@ -114,6 +114,25 @@ bool isEncodedAlongAxes(const IrTensor& tensor) {
   }
 }
 
+std::optional<std::uint32_t> findChannelAxis(const IrTensor& tensor) {
+  const QuantInfo& record = tensor.getQuantInfo();
+  if (record.encoding != QuantEncodingKind::AxisScaleOffset &&
+      record.encoding != QuantEncodingKind::BwAxisScaleOffset &&
+      record.encoding != QuantEncodingKind::BwAxisScaleOffsetMapped) {
+    return std::nullopt;
+  }
+  const std::uint32_t rank = tensor.getRank();
+  const auto axis = static_cast<std::uint32_t>(record.axis < 0 ? record.axis + static_cast<std::int32_t>(rank)
+                                                               : record.axis);
+  return axis < rank ? std::optional(axis) : std::nullopt;
+}
+
+void setChannelAxis(IrTensor& tensor, std::uint32_t axis) {
+  QuantInfo record = tensor.getQuantInfo();
+  record.axis = static_cast<std::int32_t>(axis);
+  tensor.setQInfo(tensor.getDataType(), record);
+}
+
 void insertOrReuseTranspose(const GraphPtr& graph, const OpPtr& givenOp, std::uint32_t index,
                             const Permutation& perm) {
   const OpPtr op = givenOp;
@@ -164,6 +183,7 @@ bool isFoldableConstantTranspose(const GraphPtr& graph, const OpPtr& op) {
   const TensorPtr constant = op->getInput(0);
   return constant->isStatic() && constant->getConsumers().size() < 2 &&
          isTransposableType(constant->getDataType()) &&
+         (!isEncodedAlongAxes(*constant) || findChannelAxis(*constant)) &&
          !graph->hasTensor(joinNameParts(op->getName(), constant->getName(), "", ""));
 }
 
@@ -183,6 +203,9 @@ void squashConstantTranspose(const OpPtr& givenOp, const GraphPtr& graph, bool i
   const Permutation perm = getPermutation(op->getAttributes()->getStaticTensor("perm"));
   const StaticTensorPtr folded =
       transposeStaticTensor(constant, perm, joinNameParts(op->getName(), constant->getName(), "", ""));
+  if (const auto axis = findChannelAxis(*constant)) {
+    setChannelAxis(*folded, getInversePermutation(perm)[*axis]);
+  }
   // The application goes on reading the old constant, if it did.
   if (isGraphOutput(folded)) folded->setTensorType(TensorType::Static);
   graph->addTensor(folded);

@@ -127,6 +127,7 @@ TEST(GeluApprox, RefusesOtherConstants) {
        "Scaling constant validation failed (expected 2)"},
       {"the scale of arrangement 4", 4, "half[1] f32 = 0.5", "half[1] f32 = -0.5", half},
       {"two elements count as a scalar", 1, "one[1] f32 = 1", "one[1,1,1,3] f32 = fill 1", add},
+      {"a value that can be updated counts", 1, "one[1] f32 = 1", "one[1] f32 updateable = 1", add},
       {"an integer counts as a float", 1, "one[1] f32 = 1", "one[1] i32 = 1", add},
   };
   for (const Row& row : rows) {

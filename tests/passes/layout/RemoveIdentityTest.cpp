@@ -41,6 +41,10 @@ TEST(RemoveIdentity, NeutralConstantsGoWithTheirOp) {
        .before = "in x[2,3] i32\nconst c[2,3] i32 = fill 1\ny = Eltwise_Binary(x, c) operation=13\n"
                  "z = Custom(y)\nout z",
        .after = "in x[2,3] i32\nconst c[2,3] i32 = fill 1\nz = Custom(x)\nout z"},
+      {.fault = "a signed attribute matches and then ends the run",
+       .before = "in x[2,3] f32\nconst c[2,3] f32 = fill 1\ny = plain Eltwise_Binary(x, c) operation=13:i32\n"
+                 "z = Relu(y)\nout z",
+       .after = "in x[2,3] f32\nconst c[2,3] f32 = fill 1\nz = Relu(x)\nout z"},
       {.fault = "of two constants the one that isn't neutral goes",
        .before = "const c[3] f32 = fill 1\nconst d[3] f32 = 2 3 4\n"
                  "y = Eltwise_Binary(c, d) operation=13\nz = Relu(y)\nout z",
@@ -60,6 +64,12 @@ TEST(RemoveIdentity, ConstantsThatAreNotNeutralKeepTheirOp) {
       {"a float mask counts", "a[2] f32", "c[2] f32 = fill 1", "(a, c) operation=1"},
       {"the mask is looked for at the left", "a[2] bool", "c[2] bool = fill 1", "(c, a) operation=1"},
       {"a mask that broadcasts counts", "a[1] bool", "c[2] bool = fill 1", "(a, c) operation=1"},
+      {"a mask that can be updated counts", "a[2] bool", "c[2] bool updateable = fill 1",
+       "(a, c) operation=1"},
+      {"a divisor that can be updated counts", "a[2] f32", "c[2] f32 updateable = fill 1",
+       "(a, c) operation=2"},
+      {"a factor that can be updated counts", "a[2] f32", "c[2] f32 updateable = fill 1",
+       "(c, a) operation=13"},
       {"a computed mask counts", "a[2] bool", "c[1] bool = 1", "(a, a) operation=1"},
       {"one element off goes unseen", "a[2] f32", "c[2] f32 = 1 1.0000001", "(a, c) operation=2"},
       {"a reciprocal counts", "a[2] f32", "c[2] f32 = fill 1", "(c, a) operation=2"},
@@ -173,6 +183,9 @@ TEST(RemoveIdentity, AReshapeToItsOwnShapeGoes) {
        .after = "in x[2,3] f32\na: y = Relu(x)\nout y",
        .prints = kRule + "handleReshapeOp: Squash Reshape Op: y due to IdentityOp. Input shape: " + shape +
                  ", shape after " + shape + "\n\n"},
+      {.fault = "the op that computes the shape stays behind without an output",
+       .before = "in x[2,3] f32\nin q[2] i32\na = Relu(x)\ns = Custom(q)\ny[2,3] = Reshape(a, s)\nout y",
+       .after = "in x[2,3] f32\nin q[2] i32\na: y = Relu(x)\nout y"},
       {.fault = "a Reshape of a tensor that others read goes",
        .before = "in x[2,3] f32\na = Relu(x)\ny[2,3] = Reshape(a)\nz = Relu(a)\nout y\nout z",
        .prints = ""},

@@ -1,5 +1,8 @@
 // Folding Reshapes into each other, into constants, and with the Transposes around them.
 #include <gtest/gtest.h>
+#include "GraphRefiner/src/Pass.h"
+#include "GraphRefiner/src/PassRegistry.h"
+#include "tests/support/GraphText.h"
 #include "tests/support/PassFixture.h"
 
 namespace netforge::testing {
@@ -74,6 +77,33 @@ TEST(SquashReshape, FoldsTheConstant) {
                .before = "in c_tensorOut_0[2]\n" + constant +
                          "y = Relu(r)\n z = Relu(c_tensorOut_0)\n"
                          "out y\n out z"}});
+}
+
+TEST(SquashReshape, AnEncodingPerChannelFollowsItsAxis) {
+  struct Row {
+    const char* fault;
+    std::string dims;
+    std::int32_t axis;  // afterwards; -1 when the Reshape stays
+  };
+  const Row rows[] = {{"the axis isn't moved", "[1,2,3,4]", 2},
+                      {"a unit axis in between is taken", "[2,1,3,2,2]", 2},
+                      {"channels that are split have an axis", "[6,4]", -1},
+                      {"another axis of the same length is taken", "[3,2,4]", -1}};
+  for (const Row& row : rows) {
+    auto graph = readGraph("const c[2,3,4] sq8 scale=1 offset=0 = iota\n r" + row.dims +
+                           " = Reshape(c)\n y = Custom(r)\n out y");
+    QuantInfo record;
+    record.encoding = QuantEncodingKind::AxisScaleOffset;
+    record.axis = 1;
+    record.axisEncodings.resize(3);
+    graph->getTensor("c")->setQInfo(ORLO_DATATYPE_SFIXED_POINT_8, record);
+    const auto pass = graphrefiner::getPassRegistry()
+                          .table(graphrefiner::OptimizationStage::PostLayout)
+                          .at(PassId::SquashReshapeInstance1);
+    ASSERT_EQ(pass->run(graph), row.axis >= 0) << row.fault;
+    const auto operand = graph->getOp("y")->getInput(0);
+    EXPECT_EQ(operand->isStatic() ? operand->getQuantInfo().axis : -1, row.axis) << row.fault;
+  }
 }
 
 TEST(SquashReshape, LeavesInitialStatesToTheRecurrentPasses) {

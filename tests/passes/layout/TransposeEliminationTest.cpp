@@ -270,6 +270,28 @@ TEST(SquashConstantTranspose, MovesTheBytes) {
                .before = "in x[2,3]\n t = Transpose(x) perm=[1,0]\n y = Relu(t)\n out y"}});
 }
 
+TEST(SquashConstantTranspose, AnEncodingPerChannelFollowsItsAxis) {
+  const std::string weight =
+      "in x[1,2]\n const c[2,3,5] sq8 scale=1 offset=0 = iota\n t = Transpose(c) perm=[1,2,0]\n"
+      "y[1,2] = plain FullyConnected(x, t)\n out y";
+  const auto encode = [](IrGraph& graph, QuantEncodingKind kind) {
+    QuantInfo record;
+    record.encoding = kind;
+    record.axis = -3;
+    record.axisEncodings.resize(2);
+    graph.getTensor("c")->setQInfo(ORLO_DATATYPE_SFIXED_POINT_8, record);
+  };
+  auto graph = readGraph(weight);
+  encode(*graph, QuantEncodingKind::AxisScaleOffset);
+  const auto stage = graphrefiner::OptimizationStage::PostLayout;
+  EXPECT_TRUE(graphrefiner::getPassRegistry().table(stage).at(PassId::SquashConstantTranspose)->run(graph));
+  EXPECT_EQ(graph->getOp("y")->getInput(1)->getQuantInfo().axis, 2);
+  expectPass(PassId::SquashConstantTranspose,
+             {{.fault = "blocks of elements that no longer lie side by side keep their scales",
+               .before = weight,
+               .prepare = [&](IrGraph& before) { encode(before, QuantEncodingKind::Block); }}});
+}
+
 TEST(SquashConstantTranspose, ReportsAWeightThatTheApplicationReads) {
   auto graph = readGraph(
       "in x[4,2]\n const c[2,3] = 1 2 3 4 5 6\n t = Transpose(c) perm=[1,0]\n"

@@ -91,7 +91,8 @@ bool hasScalarInputNear(const OpPtr& op, double expected, double relativeToleran
   if (!op) return false;
   for (const TensorPtr& input : op->getInputs()) {
     const auto constant = std::dynamic_pointer_cast<IrStaticTensor>(input);
-    if (!constant || !isFloatDataType(constant->getDataType()) || constant->elements() != 1) continue;
+    if (!constant || constant->isUpdateable()) continue;
+    if (!isFloatDataType(constant->getDataType()) || constant->elements() != 1) continue;
     const std::uint32_t width = constant->getDataType() == ORLO_DATATYPE_FLOAT_16 ? 2 : 4;
     if (constant->getDataSize() < width) continue;
     const double value = getConstValue(constant);

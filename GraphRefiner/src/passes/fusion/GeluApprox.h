@@ -52,7 +52,8 @@ class MatchGeluApproxPass : public MatchAndRewriteRule {
 };
 
 /// Whether some input of the op is a constant of one float (32 or 16 bit) with
-/// |value - expected| <= |expected| * relativeTolerance + absoluteTolerance. A null op gives false.
+/// |value - expected| <= |expected| * relativeTolerance + absoluteTolerance. A null op gives false. Constants
+/// that can be updated after compilation don't count.
 bool hasScalarInputNear(const std::shared_ptr<ops::IrOp>& op, double expected, double relativeTolerance,
                         double absoluteTolerance);
 

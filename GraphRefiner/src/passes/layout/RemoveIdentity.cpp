@@ -39,8 +39,9 @@ bool trySquash(const GraphPtr& graph, const OpPtr& op, const TensorPtr& input, b
   }
 }
 
+// A constant whose values stand for good: null for one that can be updated after compilation.
 StaticTensorPtr asConstant(const TensorPtr& tensor) {
-  return std::dynamic_pointer_cast<IrStaticTensor>(tensor);
+  return tensor->isUpdateable() ? nullptr : std::dynamic_pointer_cast<IrStaticTensor>(tensor);
 }
 
 // Elements are read as 32-bit values whatever their type, so other widths are told apart by their size.
@@ -119,16 +120,10 @@ bool removeIdentity::rewriteCallback(GraphPtr& graph, MatchedOps& matchedOps) {
   const OpPtr op = matchedOps.at(rootPattern);
   const std::string& type = op->getType();
   if (type == "Eltwise_Binary") {
-    switch (op->getAttributes()->getAttr<std::uint32_t>("operation")) {
-      case kAnd:
-        return handleAndOp(op, graph);
-      case kDivide:
-        return handleDivOp(op, graph);
-      case kMultiply:
-        return handleMulOp(op, graph);
-      default:
-        return false;
-    }
+    // Of any integer type, as in the pattern.
+    if (hasOperation(op, kAnd)) return handleAndOp(op, graph);
+    if (hasOperation(op, kDivide)) return handleDivOp(op, graph);
+    return hasOperation(op, kMultiply) && handleMulOp(op, graph);
   }
   if (type == "Tile") return handleTileOp(op, graph);
   if (type == "Gather") return handleGatherOp(op, graph);
@@ -164,8 +159,9 @@ bool removeIdentity::handleMulOp(const OpPtr& op, const GraphPtr& graph) {
   const TensorPtr right = op->getInput(1);
   if (op->getOutput(0)->getConsumers().size() >= 2 || !hasSameDims(left, right)) return false;
   TensorPtr kept;
-  if (const StaticTensorPtr constant = asConstant(left)) {
-    if (!isFilledWithOnes(constant)) return false;
+  if (left->isStatic()) {
+    const StaticTensorPtr constant = asConstant(left);
+    if (!constant || !isFilledWithOnes(constant)) return false;
     kept = right;
   } else if (const StaticTensorPtr factor = asConstant(right)) {
     const DataType type = left->getDataType();
@@ -234,6 +230,7 @@ bool removeIdentity::handleReshapeOp(const OpPtr& op, const GraphPtr& graph) {
 
   // The FullyConnected has to read the tensor with the unflattened shape, so that one is kept.
   const bool keepInput = !isIdentity;
+  if (canSquash(graph, op, input, keepInput)) dropComputedInputs(graph, op);
   if (!trySquash(graph, op, input, keepInput, true, "handleReshapeOp",
                  "Squash Reshape op: " + op->getName() + " due to identity not possible ")) {
     return false;

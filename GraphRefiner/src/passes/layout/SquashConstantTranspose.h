@@ -11,10 +11,10 @@ namespace netforge::graphrefiner {
 ///   after    w'[3,2] -> Conv2d
 ///
 /// The new constant bears the name w where an op with weights reads it, since users look for their weights by
-/// name, and the name t everywhere else.
-/// Refuses: a constant that someone else reads too, one of a type without whole bytes of 1, 2 or 4, and a
-/// taken name. The utility that folds refuses, with a line on standard output, a graph output whose name
-/// would go; that counts as a change all the same.
+/// name, and the name t everywhere else. An encoding per channel follows its axis.
+/// Refuses: a constant that someone else reads too, one of a type without whole bytes of 1, 2 or 4, one that
+/// is encoded in blocks, and a taken name. The utility that folds refuses, with a line on standard output, a
+/// graph output whose name would go; that counts as a change all the same.
 class SquashConstantTransposePass : public OpTransformPass<SquashConstantTransposePass> {
  public:
   SquashConstantTransposePass();
