@@ -233,6 +233,9 @@ TEST(Replace6dOps, EndsBelowTheLimit) {
       "in x[2,3,1,5,1,7,1]\ny = Transpose(x) perm=[6,5,4,3,2,1,0]\nout y",
       "in x[1,1,1,1,1,1]\ny = Transpose(x) perm=[5,4,3,2,1,0]\nout y",
       "in x[1,1,1,1,1,1]\nr = plain Odd(x)\ny = Transpose(r) perm=[5,4,3,2,1,0]\nout y",
+      // The constant is cloned for a and r, and once more for the two readers of r.
+      "const c[1,2,1,1,1,3] = iota\na = Cast(c)\nr[3,2,1,1,1,1] = Reshape(c)\nb = Softmax(r) axis=0\n"
+      "y = Eltwise_Unary(r) operation=0\nout y\nout a\nout b",
       "in x[3,2,1,2,1,2,2,2]\ny = StridedSlice(x) "
       "ranges=[[0,3,1],[0,2,1],[0,1,1],[1,2,1],[0,1,1],[0,2,1],[1,-1,-1],[0,2,2]]\nout y"};
   for (const std::string& text : cases) {

@@ -175,9 +175,11 @@ def slicing(b: Builder) -> None:
 
 @plant("Replace6dOps")
 def shared_reshape(b: Builder) -> None:
-    """A tensor of high rank that several ops read, one of them beside its source."""
+    """A tensor of high rank that several ops read, one beside its source, which others may read too."""
     dims = _high_dims(b)
-    x = _high_tensor(b, b.refactored(dims))
+    x = _high_tensor(b, b.shuffled(dims) if b.chance(0.4) else b.refactored(dims))
+    if b.chance(0.4):
+        b.op("Softmax", [x], axis=0)
     high = b.reshape(x, dims)
     for _ in range(b.pick([1, 2, 2, 3])):
         b.op("Softmax", [high], axis=b.rng.randrange(len(dims)))

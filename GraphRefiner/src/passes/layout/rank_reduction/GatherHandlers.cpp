@@ -110,7 +110,7 @@ bool Replace6dOpPass::handleReshapeOp(OpPtr& op, GraphPtr& graph) {
   graph->squash(op, input->getName(), true, false);
   std::uint32_t counter = 0;
   for (const OpPtr& reader : readers) {
-    const OpPtr own = makeReshape(prefix + std::to_string(counter++), dims);
+    const OpPtr own = makeReshape(nextFreeName(graph, prefix, counter), dims);
     injectFor(graph, own, input, {reader->getName()}, sources);
     if (!input->isQuantized()) inheritQuantization(output, own->getOutput(0));
   }

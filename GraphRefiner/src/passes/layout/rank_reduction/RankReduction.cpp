@@ -58,11 +58,19 @@ bool cloneSharedStaticInputs(const OpPtr& op, const GraphPtr& graph) {
     std::uint32_t counter = 0;
     for (const OpPtr& consumer : consumersInGraphOrder(*graph, tensor->getConsumers())) {
       if (tensor->getConsumers().size() < 2) break;
-      giveClone(graph, tensor, consumer, tensor->getName() + "_6d_clone_" + std::to_string(counter++));
+      giveClone(graph, tensor, consumer, nextFreeName(graph, tensor->getName() + "_6d_clone_", counter));
       cloned = true;
     }
   }
   return cloned;
+}
+
+std::string nextFreeName(const GraphPtr& graph, const std::string& prefix, std::uint32_t& counter) {
+  std::string name;
+  do {
+    name = prefix + std::to_string(counter++);
+  } while (!isFreeName(graph, name));
+  return name;
 }
 
 std::string rankReductionName(const OpPtr& op, std::uint32_t index, const std::string& kind) {

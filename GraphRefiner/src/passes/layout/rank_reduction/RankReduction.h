@@ -47,6 +47,11 @@ void restoreOutputInPlace(const std::shared_ptr<IrGraph>& graph, const std::shar
 /// "<op>_idx_<index>_6d_pre_transpose" or "..._post_transpose".
 void injectLayoutTranspose(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op,
                            std::uint32_t index, const std::vector<std::uint32_t>& perm, bool beforeInput);
+/// The first free name of "<prefix><counter>", "<prefix><counter + 1>" ...; `counter` ends behind it. A
+/// constant that was cloned in an earlier run gains readers again when a Reshape of it is given out to its
+/// readers.
+std::string nextFreeName(const std::shared_ptr<IrGraph>& graph, const std::string& prefix,
+                         std::uint32_t& counter);
 /// "<op>_idx_<index>_6d_<kind>".
 std::string rankReductionName(const std::shared_ptr<ops::IrOp>& op, std::uint32_t index,
                               const std::string& kind);
