@@ -83,6 +83,18 @@ TEST(ExpandLstm, WeightsAndInitialStatesAreShared) {
             graph->getOpIndex(graph->getOp("net_step_0_ht_1_wh_matmul")));
 }
 
+TEST(ExpandLstm, OutputsOfUpdateableWeightsAreUpdateable) {
+  std::string text = RecurrentText{}.lstm();
+  for (const std::string gate : {"wf", "wc", "wo", "wi"}) {
+    text.insert(text.find(" = ", text.find("const " + gate)), " updateable");
+  }
+  const auto graph = rewritten(kPass, text);
+  for (const std::string name : {"y", "cT", "net_x0", "wi_input_w_to_input_gate"}) {
+    EXPECT_TRUE(graph->getTensor(name)->isUpdateable()) << name;
+  }
+  EXPECT_EQ(outputNames(*graph), "y cT hT ");
+}
+
 TEST(ExpandLstm, Refusals) {
   const auto without = [](const std::string& gone, const std::string& instead) {
     RecurrentText text{.inputs =

@@ -35,6 +35,12 @@ TEST(UnrollLstm, OutputsThatTheOpLacksAreMadeForTheStates) {
   const auto step = graph->getOp("net_step_1");
   EXPECT_EQ(step->getInput(10)->getName(), "net_final_hidden0");
   EXPECT_EQ(step->getInput(11)->getName(), "net_final_cell0");
+  const RecurrentText stateless{
+      .outputs = "y[3,2,5]",
+      .behind = "out y",
+      .inputs = "x, wf, wc, wo, rf, rc, ro, bf, bc, bo, n, n, n, n, n, n, wi, ri, n, n, n, bi"};
+  const auto states = rewritten(PassId::UnrollLstm, stateless.lstm());
+  EXPECT_EQ(states->getTensor("net_final_cell0")->getDims(), (IrGraph::Dims{2, 5}));
 }
 
 TEST(UnrollRecurrent, OneStepNeedsNoSplitAndNoConcat) {

@@ -107,6 +107,10 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
     return false;
   }
   if (op->numInputs() <= kInitialHidden || hasDynamicInput(op)) return false;
+  const auto operands = op->getInputs();
+  if (std::any_of(operands.begin(), operands.end(),
+                  [](const auto& operand) { return operand->getTensorType() == TensorType::Null; }))
+    return false;
   const auto x = op->getInput(0);
   const auto h0 = op->getInput(kInitialHidden);
   const bool flattensState = h0->getRank() == 3;

@@ -113,6 +113,7 @@ void ReplacementOps::takeOver(const TensorPtr& oldOutput, const std::string& new
   moveReaders(oldOutput, standIn);
   if (!isGraphOutput(oldOutput)) return;
   handOverGraphOutput(graph, oldOutput, standIn);
+  if (updateable.value_or(false)) standIn->setUpdateable(true);
   graph->swapTensorNames(newName, oldOutput->getName());
 }
 
