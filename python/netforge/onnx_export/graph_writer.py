@@ -135,6 +135,27 @@ class GraphWriter:
             self.values[name] = Value(kind, dims)
         return self._forms[form]
 
+    def joined_constants(self, values: Sequence[str], dims: tuple[int, ...], name: str) -> str | None:
+        """Constants of the graph, their elements behind one another and zeros behind those, as one of the
+        given dims, made when it is written; None when one of them is no constant."""
+        tensors = [self.values[value].tensor for value in values]
+        if None in tensors:
+            return None
+        form = ("joined", *values, *dims)
+        if form not in self._forms:
+            kind = self.values[values[0]].kind
+
+            def array() -> np.ndarray:
+                elements = np.zeros(int(np.prod(dims)), numpy_type(kind))
+                joined = np.concatenate([static_array(tensor).reshape(-1) for tensor in tensors])
+                elements[: joined.size] = joined
+                return elements.reshape(dims)
+
+            name = self._forms[form] = self.unique(name)
+            self.initializers[name] = Initializer(name, kind, dims, array)
+            self.values[name] = Value(kind, dims)
+        return self._forms[form]
+
     def add(
         self,
         op_type: str,
