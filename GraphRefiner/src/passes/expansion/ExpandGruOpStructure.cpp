@@ -145,7 +145,8 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
   const std::string ones = opName + "_initial_ones_op";
   if (!graph->hasTensor(ones)) {
     const auto gate = graph->getTensor(z);
-    ops.addConstant(ones, gate->getDims(), std::vector<float>(gate->elements(), 1.0f));
+    ops.addConstant(ones, gate->getDims(), std::vector<float>(gate->elements(), 1.0f))
+        ->setAxisFormat(AxisFormat::NF);
   }
   const std::string state = gru.hiddenState(ones, z, n);
 

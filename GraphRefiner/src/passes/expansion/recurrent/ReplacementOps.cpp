@@ -103,7 +103,7 @@ ReplacementOps::TensorPtr ReplacementOps::addTensorLike(const TensorPtr& model, 
 }
 
 void ReplacementOps::moveReaders(const TensorPtr& oldOutput, const TensorPtr& standIn) {
-  graph->transferConsumers(oldOutput, standIn, IrGraph::OpSet(oldOutput->getConsumers()));
+  graph->transferConsumers(oldOutput, standIn, oldOutput->getConsumers());
   graph->addTraceSources(TraceKind::Tensor, standIn->getName(),
                          graph->getTraceInfo(TraceKind::Tensor, oldOutput->getName()));
 }
