@@ -63,6 +63,8 @@ TEST(ExpandGru, Refusals) {
   std::string plain = three.gru();
   plain.replace(plain.find("= Gru"), 5, "= plain Gru");
   plain.replace(plain.find("y, hT, "), 7, "y[1,2,5], hT[2,5], ");
+  RecurrentText absent = oneStep("");
+  absent.inputs = "x, wz, wr, wh, rz, rr, rh, n, br, bh, rbz, rbr, rbh, h0";
   RecurrentText longer = oneStep("");
   longer.x = "in x[3,2,4] f32";
   expectPass(
@@ -73,6 +75,7 @@ TEST(ExpandGru, Refusals) {
             kRule + "rewriteCallback: Unsupported sequence length for GRU node net, expected 1, got 3\n"},
        {.fault = "another tensor under a generated name is taken for the output",
         .before = "in y_reshape[1,2,5] f32\n" + oneStep("").gru()},
+       {.fault = "an absent bias is added", .before = "null n[0] f32\n" + absent.gru()},
        {.fault = "an output is forgotten",
         .before = plain,
         .throws =

@@ -50,6 +50,7 @@ TEST(ExpandLstm, ReadersOfASingleStepGetTheRankThatTheyCanTake) {
   const std::string rank2 = "net_step_0" + kHidden + "_reshape_reshape ";
   const std::string relu = "s = Relu(y)\n";
   EXPECT_EQ(inputOf(relu + "out s", "s"), rank3);
+  EXPECT_EQ(sourceNames(*rewritten(kPass, RecurrentText{.behind = relu + "out s"}.lstm()), "s"), "net s ");
   EXPECT_EQ(inputOf("r[5,2] = Reshape(y)\nout r", "r"), rank2);
   EXPECT_EQ(inputOf("r[5,2] = Reshape(y)\n" + relu + "out r\nout s", "s"), rank3);
   EXPECT_EQ(inputOf("r[2,5] = Reshape(y)\nq[5,2] = Reshape(y)\nout q\nout r", "r"), rank3);
@@ -80,6 +81,18 @@ TEST(ExpandLstm, WeightsAndInitialStatesAreShared) {
   EXPECT_EQ(inputNames(*graph, "second_step_0_xt_wi_matmul"), "x_reshape wi_input_w_to_input_gate ");
   EXPECT_LT(graph->getOpIndex(graph->getOp("h0_reshape")),
             graph->getOpIndex(graph->getOp("net_step_0_ht_1_wh_matmul")));
+}
+
+TEST(ExpandLstm, OutputsOfUpdateableWeightsAreUpdateable) {
+  std::string text = RecurrentText{}.lstm();
+  for (const std::string gate : {"wf", "wc", "wo", "wi"}) {
+    text.insert(text.find(" = ", text.find("const " + gate)), " updateable");
+  }
+  const auto graph = rewritten(kPass, text);
+  for (const std::string name : {"y", "cT", "net_x0", "wi_input_w_to_input_gate"}) {
+    EXPECT_TRUE(graph->getTensor(name)->isUpdateable()) << name;
+  }
+  EXPECT_EQ(outputNames(*graph), "y cT hT ");
 }
 
 TEST(ExpandLstm, Refusals) {
@@ -123,6 +136,8 @@ TEST(ExpandLstm, ConstantsThatDontGoTogether) {
     const whole[3,2] i32 = iota
     const odd[3,2] f32 updateable = iota
     const joined[4,2] f32 = iota
+    const fine[3,2] sq8 scale=0.5 offset=0 = iota
+    const coarse[3,2] sq8 scale=2 offset=0 = iota
     out x
   )";
   struct Case {
@@ -143,6 +158,7 @@ TEST(ExpandLstm, ConstantsThatDontGoTogether) {
            {{"a", "b", "odd"},
             "new",
             "Error: Updateable flag mismatch in concatenation at index 2 (expected: 0, got: 1)"},
+           {{"fine", "coarse"}, "new", ""},  // one encoding would read both
            {{"a", "wide"}, "new", "Error: Dimension mismatch at axis 1"}}) {
     SCOPED_TRACE(test.prints + test.name);
     const auto graph = readGraph(text);

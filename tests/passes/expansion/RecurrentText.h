@@ -10,13 +10,40 @@
 
 namespace netforge::testing {
 
-/// The graph of the text after one run of the pass, which has to change it and to leave it sound.
+/// Every op and tensor comes from an op or tensor of its name.
+inline void traceToItself(IrGraph& graph) {
+  for (const auto& op : graph.getOps())
+    graph.addTraceSources(TraceKind::Op, op->getName(), {{op->getName(), TraceKind::Op}});
+  for (const auto& [name, tensor] : graph.getTensors())
+    graph.addTraceSources(TraceKind::Tensor, name, {{name, TraceKind::Tensor}});
+}
+
+/// All ops and their outputs and constants have a record, and nothing else has.
+inline void expectTraced(const IrGraph& graph) {
+  for (const auto& op : graph.getOps())
+    EXPECT_FALSE(graph.getTraceInfo(TraceKind::Op, op->getName()).empty()) << op->getName();
+  for (const auto& [name, tensor] : graph.getTensors())
+    EXPECT_FALSE(graph.getTraceInfo(TraceKind::Tensor, name).empty()) << name;
+  EXPECT_EQ(graph.getTraceRecords(TraceKind::Op).size(), graph.numOps());
+  EXPECT_EQ(graph.getTraceRecords(TraceKind::Tensor).size(), graph.numTensors());
+}
+
+/// The sources of a reader's op.
+inline std::string sourceNames(const IrGraph& graph, const std::string& op) {
+  std::string names;
+  for (const auto& source : graph.getTraceInfo(TraceKind::Op, op)) names += source.name + " ";
+  return names;
+}
+
+/// The graph of the text after one run of the pass, which has to change it and to leave it sound and traced.
 inline std::shared_ptr<IrGraph> rewritten(graphrefiner::PassId id, const std::string& text) {
   CapturedOutput reports;
   auto graph = readGraph(text);
+  traceToItself(*graph);
   const auto pass = graphrefiner::getPassRegistry().table(graphrefiner::OptimizationStage::PostLayout).at(id);
   EXPECT_TRUE(pass->run(graph));
   EXPECT_EQ(graph->checkInvariants(), std::vector<std::string>{});
+  expectTraced(*graph);
   return graph;
 }
 

@@ -35,6 +35,12 @@ TEST(UnrollLstm, OutputsThatTheOpLacksAreMadeForTheStates) {
   const auto step = graph->getOp("net_step_1");
   EXPECT_EQ(step->getInput(10)->getName(), "net_final_hidden0");
   EXPECT_EQ(step->getInput(11)->getName(), "net_final_cell0");
+  const RecurrentText stateless{
+      .outputs = "y[3,2,5]",
+      .behind = "out y",
+      .inputs = "x, wf, wc, wo, rf, rc, ro, bf, bc, bo, n, n, n, n, n, n, wi, ri, n, n, n, bi"};
+  const auto states = rewritten(PassId::UnrollLstm, stateless.lstm());
+  EXPECT_EQ(states->getTensor("net_final_cell0")->getDims(), (IrGraph::Dims{2, 5}));
 }
 
 TEST(UnrollRecurrent, OneStepNeedsNoSplitAndNoConcat) {
@@ -60,7 +66,8 @@ TEST(UnrollGru, ABackwardGruReadsTheLastPieceFirst) {
   const auto graph =
       rewritten(PassId::UnrollGruTimeSteps,
                 RecurrentText{.x = "in x[2,3,4] f32",
-                              .attributes = "time_major=false direction=1 linear_before_reset=1",
+                              .attributes = "time_major=false direction=1 linear_before_reset=1 "
+                                            "packageName=other",
                               .outputs = "y[2,3,5]",
                               .behind = "s = Relu(y)\nout s"}
                     .gru());
@@ -69,6 +76,10 @@ TEST(UnrollGru, ABackwardGruReadsTheLastPieceFirst) {
   EXPECT_EQ(inputNames(*graph, "net_2"), "net_x0" + weights + "net_hidden_output_dummy1 ");
   EXPECT_EQ(inputNames(*graph, "net_y_concat"), "y2 y1 y0 ");
   EXPECT_EQ(inputNames(*graph, "s"), "y_concat ");
+  EXPECT_EQ(sourceNames(*graph, "s"), "s ");
+  for (const std::string op : {"net_x_split", "net_1"}) {
+    EXPECT_EQ(graph->getOp(op)->getAttributes()->getAttr<std::string>("packageName"), "other") << op;
+  }
   EXPECT_EQ(graph->getTensor("y1")->getDims(), (IrGraph::Dims{2, 1, 5}));
   EXPECT_EQ(graph->getTensor("net_hidden_output_dummy2")->getDims(), (IrGraph::Dims{2, 5}));
   const auto& attributes = *graph->getOp("net_1")->getAttributes();

@@ -2,15 +2,13 @@
 
 #include <stdexcept>
 #include "GraphRefiner/src/PassBuilders.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 #include "ops/Broadcast.h"
 
 namespace netforge::graphrefiner {
 
 namespace {
-
-constexpr std::uint32_t kAdd = 0;
-constexpr std::uint32_t kDivide = 2;
 
 using GraphPtr = std::shared_ptr<IrGraph>;
 using OpPtr = std::shared_ptr<ops::IrOp>;

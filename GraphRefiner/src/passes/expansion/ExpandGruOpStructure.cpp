@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
-#include "GraphRefiner/src/passes/expansion/recurrent/ElementCodes.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/recurrent/ReplacementOps.h"
 #include "ir/Failure.h"
 
@@ -85,17 +85,6 @@ class GruBuilder {
   std::uint32_t gate, candidate;
 };
 
-void addOnes(const std::shared_ptr<IrGraph>& graph, const std::string& name,
-             const std::vector<std::uint32_t>& dims) {
-  if (graph->hasTensor(name)) return;
-  std::size_t count = 1;
-  for (const std::uint32_t dim : dims) count *= dim;
-  const std::vector<float> ones(count, 1.0f);
-  graph->addTensor(std::make_shared<IrStaticTensor>(
-      name, dims, static_cast<std::uint32_t>(count * sizeof(float)), ones.data(), ORLO_DATATYPE_FLOAT_32,
-      AxisFormat::NF, AxisFormat::NOT_YET_DEFINED, false, TensorType::Static, std::vector<std::uint32_t>{}));
-}
-
 }  // namespace
 
 ExpandGruOpStructureRule::ExpandGruOpStructureRule() {
@@ -118,6 +107,10 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
     return false;
   }
   if (op->numInputs() <= kInitialHidden || hasDynamicInput(op)) return false;
+  const auto operands = op->getInputs();
+  if (std::any_of(operands.begin(), operands.end(),
+                  [](const auto& operand) { return operand->getTensorType() == TensorType::Null; }))
+    return false;
   const auto x = op->getInput(0);
   const auto h0 = op->getInput(kInitialHidden);
   const bool flattensState = h0->getRank() == 3;
@@ -133,7 +126,7 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
   const std::string flatH = opName + "_" + h0->getName() + "_reshape";
   if (sequence.ranked3) made.push_back(flatX);
   if (flattensState && (h0 != x || !sequence.ranked3)) made.push_back(flatH);
-  if (!areFreeTensorNames(*graph, made)) return false;
+  if (!OpExpansion::areFreeTensors(graph, made)) return false;
 
   // ---- edits ----
   ReplacementOps ops(graph, op);
@@ -150,16 +143,20 @@ bool ExpandGruOpStructureRule::rewriteCallback(std::shared_ptr<IrGraph>& graph, 
   const std::string r = gru.resetGate();
   const std::string n = gru.candidateState(r, attributeOr(op, "linear_before_reset", 0u) != 0);
   const std::string ones = opName + "_initial_ones_op";
-  addOnes(graph, ones, graph->getTensor(z)->getDims());
+  if (!graph->hasTensor(ones)) {
+    const auto gate = graph->getTensor(z);
+    ops.addConstant(ones, gate->getDims(), std::vector<float>(gate->elements(), 1.0f))
+        ->setAxisFormat(AxisFormat::NF);
+  }
   const std::string state = gru.hiddenState(ones, z, n);
 
   for (std::size_t i = 0; i < newNames.size(); ++i) {
     const auto output = op->getOutput(static_cast<std::uint32_t>(i));
     const auto standIn = ops.addTensorLike(output, newNames[i], output->getDims());
     ops.reshape(newNames[i], state, output->getDims(), output->getAxisFormat());
-    graph->transferConsumers(output, standIn, std::set(output->getConsumers()));
+    ops.moveReaders(output, standIn);
   }
-  ops.retire();
+  ops.removeOp();
   alignToSourceOutputNames(graph, newNames, oldNames, true);
   return true;
 }

@@ -17,8 +17,8 @@ namespace netforge::graphrefiner {
 ///
 /// f is "gate_activation" and g "rec_gate_activation": Sigmoid, Tanh or Relu; any other counts as Sigmoid and
 /// Tanh. Each gate keeps its own MatMuls. Ops are called `<op>_<what they compute>`.
-/// Refuses: more than one time step, which UnrollGruTimeSteps deals with first; fewer than 14 inputs; dynamic
-/// axes; a generated name that is taken.
+/// Refuses: more than one time step, which UnrollGruTimeSteps deals with first; fewer than 14 inputs or an
+/// absent one; dynamic axes; a generated name that is taken.
 class ExpandGruOpStructureRule : public MatchAndRewriteRule {
  public:
   ExpandGruOpStructureRule();

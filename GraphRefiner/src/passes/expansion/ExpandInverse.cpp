@@ -4,14 +4,12 @@
 #include <numeric>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {
 
 namespace {
-
-constexpr std::uint32_t kDivide = 2;
-constexpr std::uint32_t kMultiply = 13;
 
 bool hasDynamicMatrices(const IrTensorShape& shape) {
   return shape.isDynamicDim(shape.rank() - 1) || shape.isDynamicDim(shape.rank() - 2);

@@ -4,7 +4,7 @@
 #include <array>
 #include <iostream>
 #include "GraphRefiner/src/PassBuilders.h"
-#include "GraphRefiner/src/passes/expansion/recurrent/ElementCodes.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "ir/Failure.h"
 
 namespace netforge::graphrefiner {
@@ -161,7 +161,7 @@ bool ExpandLstmOpStructurePass::rewriteCallback(std::shared_ptr<IrGraph>& graph,
     }
     made.push_back(name + "_ht_output_reshape_concat");
   }
-  if (!areFreeTensorNames(*graph, made) || graph->hasOp(base + "_split")) return false;
+  if (!OpExpansion::areFreeTensors(graph, made) || graph->hasOp(base + "_split")) return false;
   for (const TensorPtr& state : initial) {
     if (state->getRank() == 3 && !ops.canShareReshape(state->getName(), flatState)) return false;
   }
@@ -202,6 +202,13 @@ bool ExpandLstmOpStructurePass::rewriteCallback(std::shared_ptr<IrGraph>& graph,
     hiddenNames.push_back(
         ops.reshape(state.hidden + "_reshape", state.hidden, sequence.stepDims(hidden), x->getAxisFormat()));
   }
+  // Whoever reads the op is traced to what stands for it, which has the sources of the op.
+  const auto sources = graph->getTraceInfo(TraceKind::Op, op->getName());
+  for (const TensorPtr& output : op->getOutputs()) {
+    for (const OpPtr& reader : consumersInGraphOrder(*graph, output->getConsumers())) {
+      graph->addTraceSources(TraceKind::Op, reader->getName(), sources);
+    }
+  }
   if (op->numOutputs() > 0) {
     const std::string concat = name + "_ht_output_reshape_concat";
     const std::string output0 =
@@ -211,7 +218,7 @@ bool ExpandLstmOpStructurePass::rewriteCallback(std::shared_ptr<IrGraph>& graph,
   }
   if (op->numOutputs() > 1) ops.takeOver(op->getOutput(1), state.cell);
   if (op->numOutputs() > 2) ops.takeOver(op->getOutput(2), state.hidden);
-  ops.retire();
+  ops.removeOp();
   std::cout << "netforge::graphrefiner::ExpandLstmOpStructurePass::rewriteCallback: "
             << "Successfully expanded LSTM op: " << name << " with " << sequence.steps << " time steps"
             << std::endl;

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {
 
 namespace {
-
-constexpr std::uint32_t kMultiply = 13;
-constexpr std::uint32_t kSquareRoot = 15;
 
 // Never of rank 0: a norm over all axes has dims [1].
 IrTensorShape reducedShape(const IrTensorShape& shape, const std::vector<std::uint32_t>& axes,

@@ -4,6 +4,7 @@
 #include <vector>
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {
@@ -14,8 +15,6 @@ using GraphPtr = std::shared_ptr<IrGraph>;
 using OpPtr = std::shared_ptr<ops::IrOp>;
 using TensorPtr = std::shared_ptr<IrTensor>;
 
-constexpr std::uint32_t kAdd = 0;
-constexpr const char* kPackage = "packageName";
 constexpr const char* kCount = "num_specified_elements";
 
 bool isSparse(const TensorPtr& tensor) {
@@ -36,17 +35,10 @@ bool refuse(const Parts&... parts) {
   return false;
 }
 
-OpParams packageOf(const OpPtr& op) {
-  const auto& values = op->getAttributes()->entries();
-  const auto entry = values.find(kPackage);
-  if (entry == values.end() || !entry->second.isString()) return {};
-  return {{kPackage, entry->second.stringValue}};
-}
-
 // The factory gives every op a package; a new op has one only when the op that it stands for has one.
 OpPtr createWithPackage(const std::string& type, const std::string& name, const OpParams& params) {
   const OpPtr op = createOp(type, name, params);
-  if (params.count(kPackage) == 0) op->getAttributes()->remove(kPackage);
+  if (params.count("packageName") == 0) op->getAttributes()->remove("packageName");
   return op;
 }
 
@@ -58,7 +50,8 @@ OpParams with(OpParams params, const std::string& name, const OpParam& value) {
 // What differs from the default of an activation.
 OpPtr createActivation(const OpPtr& op, const std::string& name) {
   const auto& attributes = op->getAttributes();
-  OpParams params = with(packageOf(op), "operation", attributes->getAttr<std::uint32_t>("operation"));
+  OpParams params =
+      with(OpExpansion::packageOf(op), "operation", attributes->getAttr<std::uint32_t>("operation"));
   for (const char* limit : {"min_value", "max_value"}) {
     if (attributes->hasAttr(limit)) params.emplace(limit, attributes->getAttr<float>(limit));
   }
@@ -96,7 +89,7 @@ TensorPtr valuesLike(const std::string& name, const TensorPtr& sparse, std::uint
 class SparseExpansion : public OpExpansion {
  public:
   SparseExpansion(const GraphPtr& givenGraph, const OpPtr& givenOp, std::uint32_t behind, std::uint32_t count)
-      : OpExpansion(givenGraph, givenOp, behind), graph(givenGraph), package(packageOf(givenOp)), k(count) {}
+      : OpExpansion(givenGraph, givenOp, behind), package(packageOf(givenOp)), k(count) {}
 
   TensorPtr addValues(const TensorPtr& sparse, const std::string& name) {
     const OpPtr get =
@@ -119,7 +112,6 @@ class SparseExpansion : public OpExpansion {
   }
 
  private:
-  GraphPtr graph;
   OpParams package;
   std::uint32_t k;
 };
@@ -248,8 +240,9 @@ bool MatchExpandSparseOpStructure::handleAddOp(const OpPtr& addOp, const GraphPt
   const TensorPtr indices = expansion.addIndices(b, indicesName);
   expansion.traceFrom(output);
   const TensorPtr summed = valuesLike(summedName, b, k, *output);
-  expansion.addOp(createWithPackage("Eltwise_Binary", sumName, with(packageOf(op), "operation", kAdd)),
-                  {left, right}, summed);
+  expansion.addOp(
+      createWithPackage("Eltwise_Binary", sumName, with(OpExpansion::packageOf(op), "operation", kAdd)),
+      {left, right}, summed);
   expansion.createSparse(indices, summed, output, a->getSparseParams(), resultName);
   return true;
 }

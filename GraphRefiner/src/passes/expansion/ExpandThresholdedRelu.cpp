@@ -1,15 +1,10 @@
 #include "GraphRefiner/src/passes/expansion/ExpandThresholdedRelu.h"
 
 #include "GraphRefiner/src/PassBuilders.h"
+#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {
-
-namespace {
-
-constexpr std::uint32_t kGreater = 6;
-
-}  // namespace
 
 ExpandThresholdedReluRule::ExpandThresholdedReluRule() {
   thresholdedReluPattern = makeOpType("ThresholdedRelu");

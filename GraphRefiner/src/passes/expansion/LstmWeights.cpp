@@ -1,6 +1,7 @@
 // The constants of the Lstm expansion.
 #include <cstring>
 #include <iostream>
+#include "GraphRefiner/src/RewriteUtilities.h"
 #include "GraphRefiner/src/passes/expansion/ExpandLstmOpStructure.h"
 #include "ir/Failure.h"
 
@@ -65,6 +66,10 @@ std::shared_ptr<IrStaticTensor> ExpandLstmOpStructurePass::concatenateStaticTens
       return refuse("Error: Updateable flag mismatch in concatenation at index ", i,
                     " (expected: ", first->isUpdateable(), ", got: ", tensor->isUpdateable(), ")");
     }
+    // The joined values are read with one encoding, that of the first.
+    if (tensor->isQuantized() &&
+        (tensor->getQuantInfo() != first->getQuantInfo() || isEncodedAlongAxes(*tensor)))
+      return nullptr;
     for (std::size_t axis = 1; axis < first->getRank(); ++axis) {
       if (tensor->getDims()[axis] != first->getDims()[axis])
         return refuse("Error: Dimension mismatch at axis ", axis);
@@ -86,6 +91,7 @@ std::shared_ptr<IrStaticTensor> ExpandLstmOpStructurePass::concatenateStaticTens
       first->isUpdateable(), first->getExplicitPermuteOrder(), nullptr);
   joined->updateData(bytes.release(), size, true);
   graph->addTensor(joined);
+  graph->updateTraceInfo({joined}, tensors, {}, false);
   return joined;
 }
 

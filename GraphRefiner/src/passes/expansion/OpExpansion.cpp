@@ -1,6 +1,7 @@
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 #include <algorithm>
+#include <set>
 #include "GraphRefiner/src/RewriteUtilities.h"
 
 namespace netforge::graphrefiner {
@@ -16,18 +17,32 @@ std::vector<std::uint32_t> permuteOrderFor(const IrTensorShape& shape, const IrT
 
 }  // namespace
 
-bool OpExpansion::areFree(const std::shared_ptr<IrGraph>& graph, const std::vector<std::string>& names) {
-  return std::none_of(names.begin(), names.end(),
-                      [&](const std::string& name) { return graph->hasTensor(name) || graph->hasOp(name); });
+bool OpExpansion::areFree(const std::shared_ptr<IrGraph>& graph, const Names& names) {
+  return areFreeTensors(graph, names) &&
+         std::none_of(names.begin(), names.end(),
+                      [&](const std::string& name) { return graph->hasOp(name); });
+}
+
+bool OpExpansion::areFreeTensors(const std::shared_ptr<IrGraph>& graph, const Names& names) {
+  return std::set(names.begin(), names.end()).size() == names.size() &&
+         std::none_of(names.begin(), names.end(),
+                      [&](const std::string& name) { return graph->hasTensor(name); });
+}
+
+OpParams OpExpansion::packageOf(const OpPtr& op) {
+  const auto& values = op->getAttributes()->entries();
+  const auto entry = values.find("packageName");
+  if (entry == values.end() || !entry->second.isString()) return {};
+  return {{"packageName", entry->second.stringValue}};
 }
 
 OpExpansion::OpExpansion(const std::shared_ptr<IrGraph>& givenGraph, const OpPtr& givenOp,
                          std::uint32_t behind)
     : graph(givenGraph),
       op(givenOp),
-      output(givenOp->getOutput(0)),
-      position(static_cast<std::int32_t>(givenGraph->getOpIndex(givenOp) + behind)) {
-  traceFrom(output);
+      output(givenOp->numOutputs() > 0 ? givenOp->getOutput(0) : nullptr),
+      position(givenGraph->getOpIndex(givenOp) + behind) {
+  if (output) traceFrom(output);
 }
 
 void OpExpansion::traceFrom(const TensorPtr& tensor) {
@@ -55,8 +70,7 @@ OpExpansion::TensorPtr OpExpansion::plainTensorLike(const std::string& name, con
   return tensor;
 }
 
-OpExpansion::TensorPtr OpExpansion::addConstant(const std::string& name,
-                                                const std::vector<std::uint32_t>& dims,
+OpExpansion::TensorPtr OpExpansion::addConstant(const std::string& name, const Dims& dims,
                                                 const std::vector<float>& values) {
   const auto size = static_cast<std::uint32_t>(values.size() * sizeof(float));
   graph->addTensor(name, dims, size, values.data(), ORLO_DATATYPE_FLOAT_32, ORLO_DATATYPE_FLOAT_32,
@@ -72,7 +86,8 @@ OpExpansion::TensorPtr OpExpansion::addOp(const OpPtr& newOp, const std::vector<
   if (!written->getProducer()) graph->addTraceSources(TraceKind::Tensor, written->getName(), sources);
   std::vector<std::string> names;
   for (const TensorPtr& input : inputs) names.push_back(input->getName());
-  graph->addOp(newOp, names, {written->getName()}, {written->getShape()}, {}, position++, true);
+  graph->addOp(newOp, names, {written->getName()}, {written->getShape()}, {},
+               static_cast<std::int32_t>(position++), true);
   graph->addTraceSources(TraceKind::Op, newOp->getName(), sources);
   return written;
 }
@@ -97,14 +112,16 @@ void OpExpansion::replaceOutputKeepingName(const TensorPtr& result) {
     return;
   }
   graph->transferConsumers(output, result, output->getConsumers());
-  graph->removeTraceInfo(TraceKind::Tensor, output->getName());
   removeOp();
 }
 
 void OpExpansion::removeOp() {
-  if (output->getProducer() != op) op->removeOutput(output);
-  graph->removeTraceInfo({op});
+  if (output && output->getProducer() != op) op->removeOutput(output);
+  const auto outputs = op->getOutputs();
+  dropComputedInputs(graph, op);
   graph->prune(op, true);
+  graph->removeTraceInfo({op});
+  for (const TensorPtr& gone : outputs) graph->removeTraceInfo(TraceKind::Tensor, gone->getName());
 }
 
 }  // namespace netforge::graphrefiner

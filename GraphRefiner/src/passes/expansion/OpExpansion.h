@@ -17,11 +17,18 @@ class OpExpansion {
  public:
   using OpPtr = std::shared_ptr<ops::IrOp>;
   using TensorPtr = std::shared_ptr<IrTensor>;
+  using Names = std::vector<std::string>;
+  using Dims = std::vector<std::uint32_t>;
 
-  /// Whether neither tensors nor ops bear the names: what a rule asks before it begins.
-  static bool areFree(const std::shared_ptr<IrGraph>& graph, const std::vector<std::string>& names);
+  /// Whether neither tensors nor ops bear the names, and none stands in the list twice: what a rule asks
+  /// before it begins.
+  static bool areFree(const std::shared_ptr<IrGraph>& graph, const Names& names);
+  /// The same for tensors alone.
+  static bool areFreeTensors(const std::shared_ptr<IrGraph>& graph, const Names& names);
+  /// The op's "packageName" as a parameter of ops that stand for it; none without one.
+  static OpParams packageOf(const OpPtr& op);
 
-  /// `op` has an output. New ops go in front of it; `behind` of 1 puts them behind it instead.
+  /// New ops go in front of `op`; `behind` of 1 puts them behind it instead.
   OpExpansion(const std::shared_ptr<IrGraph>& graph, const OpPtr& op, std::uint32_t behind = 0);
 
   void traceFrom(const TensorPtr& tensor);
@@ -34,8 +41,7 @@ class OpExpansion {
                                    const IrTensor& model);
 
   /// A constant of 32-bit floats, added to the graph.
-  TensorPtr addConstant(const std::string& name, const std::vector<std::uint32_t>& dims,
-                        const std::vector<float>& values);
+  TensorPtr addConstant(const std::string& name, const Dims& dims, const std::vector<float>& values);
   /// Adds the op, and the output unless the graph holds it. Returns the output.
   TensorPtr addOp(const OpPtr& newOp, const std::vector<TensorPtr>& inputs, const TensorPtr& output);
   TensorPtr addOp(const std::string& type, const std::string& name, const OpParams& params,
@@ -46,14 +52,14 @@ class OpExpansion {
   void replaceOutput(const TensorPtr& result);
   /// The same, but only a graph output hands its name over.
   void replaceOutputKeepingName(const TensorPtr& result);
-  /// Removes the op when a new op writes output 0.
+  /// Removes the op and those of its outputs that no new op writes, and the ops that nobody needs without it.
   void removeOp();
 
- private:
+ protected:
   std::shared_ptr<IrGraph> graph;
   OpPtr op;
-  TensorPtr output;
-  std::int32_t position;
+  TensorPtr output;  // null for an op without outputs
+  std::uint32_t position;
   std::vector<TraceSource> sources;
 };
 

@@ -10,17 +10,15 @@ namespace netforge::graphrefiner {
 namespace {
 
 OpParams stepParams(const std::shared_ptr<ops::IrOp>& op, std::uint32_t width) {
-  OpParams params{
-      {"activation", OpParam(attributeOr<std::string>(op, "activation", "Sigmoid"))},
-      {"gate_activation", OpParam(attributeOr<std::string>(op, "gate_activation", "Sigmoid"))},
-      {"rec_gate_activation", OpParam(attributeOr<std::string>(op, "rec_gate_activation", "Tanh"))},
-      {"direction", OpParam(attributeOr(op, "direction", 0u))},
-      {"hidden_size", OpParam(attributeOr(op, "hidden_size", width))},
-      {"linear_before_reset", OpParam(attributeOr(op, "linear_before_reset", 0u))},
-      {"time_major", OpParam(attributeOr(op, "time_major", false))}};
-  if (op->getAttributes()->hasAttr("packageName")) {
-    params["packageName"] = OpParam(op->getAttributes()->getAttr<std::string>("packageName"));
-  }
+  OpParams params = OpExpansion::packageOf(op);
+  params.insert(
+      {{"activation", OpParam(attributeOr<std::string>(op, "activation", "Sigmoid"))},
+       {"gate_activation", OpParam(attributeOr<std::string>(op, "gate_activation", "Sigmoid"))},
+       {"rec_gate_activation", OpParam(attributeOr<std::string>(op, "rec_gate_activation", "Tanh"))},
+       {"direction", OpParam(attributeOr(op, "direction", 0u))},
+       {"hidden_size", OpParam(attributeOr(op, "hidden_size", width))},
+       {"linear_before_reset", OpParam(attributeOr(op, "linear_before_reset", 0u))},
+       {"time_major", OpParam(attributeOr(op, "time_major", false))}});
   return params;
 }
 
@@ -59,13 +57,13 @@ bool UnrollGruTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Matche
     for (const std::string& piece : numberedNames(base, steps)) made.push_back(piece);
     made.push_back(concat);
   }
-  if (!areFreeTensorNames(*graph, made) || graph->hasOp(base + "_split") || graph->hasOp(opName + "_0") ||
-      graph->hasOp(concatOp))
+  if (!OpExpansion::areFreeTensors(graph, made) || graph->hasOp(base + "_split") ||
+      graph->hasOp(opName + "_0") || graph->hasOp(concatOp))
     return false;
 
   // ---- edits ----
   ReplacementOps ops(graph, op);
-  const auto pieces = sequence.reordered(ops.splitOverTime(base, sequence, true));
+  const auto pieces = sequence.reordered(ops.splitOverTime(base, sequence, true, OpExpansion::packageOf(op)));
   const std::uint32_t width = output->getDims().back();
   hiddenSequence.addTensors(ops, sequence.stepDims(width), steps == 1);
   std::vector<std::uint32_t> hiddenDims{sequence.batch, width};
@@ -94,7 +92,7 @@ bool UnrollGruTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Matche
   }
   ops.takeOver(output, last);
   if (hasHiddenOutput) ops.takeOver(op->getOutput(hiddenOutputIndex), finalHidden.names().back());
-  ops.retire();
+  ops.removeOp();
   return true;
 }
 

@@ -71,7 +71,8 @@ bool UnrollLstmTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Match
     }
     made.push_back(concat);
   }
-  if (!areFreeTensorNames(*graph, made) || graph->hasOp(base + "_split") || graph->hasOp(opName + "_step_0"))
+  if (!OpExpansion::areFreeTensors(graph, made) || graph->hasOp(base + "_split") ||
+      graph->hasOp(opName + "_step_0"))
     return false;
 
   // ---- edits ----
@@ -115,7 +116,7 @@ bool UnrollLstmTimeSteps::rewriteCallback(std::shared_ptr<IrGraph>& graph, Match
     ops.takeOver(op->getOutput(hiddenOutputIndex), finalHidden.names().back());
   if (op->numOutputs() > cellOutputIndex)
     ops.takeOver(op->getOutput(cellOutputIndex), finalCell.names().back());
-  ops.retire();
+  ops.removeOp();
   return true;
 }
 

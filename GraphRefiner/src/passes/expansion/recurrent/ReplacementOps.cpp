@@ -5,11 +5,10 @@
 
 namespace netforge::graphrefiner {
 
-ReplacementOps::ReplacementOps(const std::shared_ptr<IrGraph>& graphToEdit, const OpPtr& op)
-    : graph(graphToEdit),
-      replaced(op),
-      index(graphToEdit->getOpIndex(op)),
-      sources(graphToEdit->getTraceInfo(TraceKind::Op, op->getName())) {}
+ReplacementOps::ReplacementOps(const std::shared_ptr<IrGraph>& givenGraph, const OpPtr& replaced)
+    : OpExpansion(givenGraph, replaced) {
+  sources = graph->getTraceInfo(TraceKind::Op, op->getName());
+}
 
 void ReplacementOps::setUpdateable(bool value) {
   updateable = value;
@@ -18,11 +17,11 @@ void ReplacementOps::setUpdateable(bool value) {
 void ReplacementOps::add(const std::string& type, const std::string& name, const Names& inputs,
                          const OpParams& params, const Names& outputs, AxisFormat format) {
   const std::vector<AxisFormat> formats(outputs.size(), format);
-  graph->addOp(createOp(type, name, params), inputs, outputs, formats, static_cast<std::int32_t>(index++),
+  graph->addOp(createOp(type, name, params), inputs, outputs, formats, static_cast<std::int32_t>(position++),
                false);
   graph->addTraceSources({name}, outputs, sources);
   if (!updateable) return;
-  for (const std::string& output : outputs) graph->getTensor(output)->setUpdateable(*updateable);
+  for (const std::string& written : outputs) graph->getTensor(written)->setUpdateable(*updateable);
 }
 
 std::string ReplacementOps::matMul(const std::string& name, const std::string& data,
@@ -55,8 +54,8 @@ bool ReplacementOps::canShareReshape(const std::string& input, const Dims& dims)
   const TensorPtr existing = graph->getTensor(name);
   if (!existing) return !graph->hasOp(name);
   const OpPtr producer = existing->getProducer();
-  return producer && producer->getType() == "Reshape" && producer->getInput(0) == graph->getTensor(input) &&
-         existing->getDims() == dims;
+  return producer && producer->getType() == "Reshape" && producer->numInputs() == 1 &&
+         producer->getInput(0) == graph->getTensor(input) && existing->getDims() == dims;
 }
 
 std::string ReplacementOps::sharedReshape(const std::string& input, const Dims& dims, AxisFormat format,
@@ -64,7 +63,7 @@ std::string ReplacementOps::sharedReshape(const std::string& input, const Dims& 
   const std::string name = input + "_reshape";
   if (const TensorPtr existing = graph->getTensor(name)) {
     const OpPtr producer = existing->getProducer();
-    if (graph->getOpIndex(producer) >= index) graph->moveOptoIndex(producer, index++);
+    if (graph->getOpIndex(producer) >= position) graph->moveOptoIndex(producer, position++);
     return name;
   }
   if (copyProperties) addTensorLike(graph->getTensor(input), name, dims);
@@ -72,8 +71,8 @@ std::string ReplacementOps::sharedReshape(const std::string& input, const Dims& 
 }
 
 ReplacementOps::Names ReplacementOps::splitOverTime(const std::string& base, const TimeSequence& sequence,
-                                                    bool copyProperties) {
-  const TensorPtr x = replaced->getInput(0);
+                                                    bool copyProperties, OpParams params) {
+  const TensorPtr x = op->getInput(0);
   if (sequence.steps < 2) return {x->getName()};
   const Names pieces = numberedNames(base, sequence.steps);
   if (copyProperties) {
@@ -81,8 +80,9 @@ ReplacementOps::Names ReplacementOps::splitOverTime(const std::string& base, con
   }
   std::vector<std::uint32_t> places(sequence.steps - 1);
   std::iota(places.begin(), places.end(), 1u);
-  add("Split", base + "_split", {x->getName()},
-      {{"axis", OpParam(sequence.timeAxis)}, {"split_index", OpParam(places)}}, pieces, x->getAxisFormat());
+  params.emplace("axis", sequence.timeAxis);
+  params.emplace("split_index", places);
+  add("Split", base + "_split", {x->getName()}, params, pieces, x->getAxisFormat());
   return pieces;
 }
 
@@ -96,43 +96,25 @@ std::string ReplacementOps::concatOverTime(const std::string& opName, const std:
 
 ReplacementOps::TensorPtr ReplacementOps::addTensorLike(const TensorPtr& model, const std::string& name,
                                                         const Dims& dims, TensorType type) {
-  const auto& order = model->getExplicitPermuteOrder();
-  const auto tensor = std::make_shared<IrTensor>(
-      name, dims, model->getDataType(), model->getSrcDataType(), model->isQuantizable(),
-      model->getQuantInfo(), model->getAxisFormat(), model->getSrcAxisFormat(), type, model->isUpdateable(),
-      order.size() == dims.size() ? order : Dims{});
+  const TensorPtr tensor = tensorLike(name, IrTensorShape(dims), *model);
+  tensor->setTensorType(type);
   graph->addTensor(tensor);
   return tensor;
 }
 
-void ReplacementOps::takeOver(const TensorPtr& oldOutput, const std::string& newName) {
-  const TensorPtr standIn = graph->getTensor(newName);
-  if (!standIn) return;
-  const auto consumers = oldOutput->getConsumers();
-  graph->transferConsumers(oldOutput, standIn, consumers);
-  const auto traces = graph->getTraceInfo(TraceKind::Tensor, newName);
-  for (const OpPtr& consumer : consumersInGraphOrder(*graph, consumers)) {
-    graph->addTraceSources(TraceKind::Op, consumer->getName(), traces);
-  }
-  const std::string oldName = oldOutput->getName();
-  if (!isGraphOutput(oldOutput)) {
-    graph->addTraceSources(TraceKind::Tensor, newName, graph->getTraceInfo(TraceKind::Tensor, oldName));
-    return;
-  }
-  handOverGraphOutput(graph, oldOutput, standIn);
-  graph->swapTensorNames(newName, oldName);
+void ReplacementOps::moveReaders(const TensorPtr& oldOutput, const TensorPtr& standIn) {
+  graph->transferConsumers(oldOutput, standIn, oldOutput->getConsumers());
+  graph->addTraceSources(TraceKind::Tensor, standIn->getName(),
+                         graph->getTraceInfo(TraceKind::Tensor, oldOutput->getName()));
 }
 
-void ReplacementOps::retire() {
-  const auto inputs = replaced->getInputs();
-  Names outputs;
-  for (const TensorPtr& output : replaced->getOutputs()) outputs.push_back(output->getName());
-  graph->prune(replaced, true);
-  for (const std::string& name : outputs) graph->removeTraceInfo(TraceKind::Tensor, name);
-  graph->removeTraceInfo(TraceKind::Op, replaced->getName());
-  for (const TensorPtr& input : inputs) {
-    if (graph->getTensor(input->getName()) == input) removeDeadProducer(graph, input);
-  }
+void ReplacementOps::takeOver(const TensorPtr& oldOutput, const std::string& newName) {
+  const TensorPtr standIn = graph->getTensor(newName);
+  moveReaders(oldOutput, standIn);
+  if (!isGraphOutput(oldOutput)) return;
+  handOverGraphOutput(graph, oldOutput, standIn);
+  if (updateable.value_or(false)) standIn->setUpdateable(true);
+  graph->swapTensorNames(newName, oldOutput->getName());
 }
 
 }  // namespace netforge::graphrefiner

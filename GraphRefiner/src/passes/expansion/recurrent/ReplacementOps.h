@@ -4,23 +4,16 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
+#include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 #include "GraphRefiner/src/passes/expansion/recurrent/TimeSequence.h"
-#include "ir/IrGraph.h"
-#include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
 
-/// The ops that take the place of a recurrent op. They stand in front of it in the order in which they are
-/// added and carry its trace records; `retire` removes the op itself. The helpers return the name of the
-/// output, which is that of the op unless told otherwise.
-class ReplacementOps {
+/// The ops that take the place of a recurrent op; they and their outputs are derived from the op alone. The
+/// helpers go by names, infer shapes, and return the name of the output, which is that of the op unless told
+/// otherwise.
+class ReplacementOps : public OpExpansion {
  public:
-  using OpPtr = std::shared_ptr<ops::IrOp>;
-  using TensorPtr = std::shared_ptr<IrTensor>;
-  using Names = std::vector<std::string>;
-  using Dims = std::vector<std::uint32_t>;
-
   ReplacementOps(const std::shared_ptr<IrGraph>& graph, const OpPtr& replaced);
   /// From here on outputs that `add` makes are updateable, or not.
   void setUpdateable(bool updateable);
@@ -41,8 +34,9 @@ class ReplacementOps {
   bool canShareReshape(const std::string& input, const Dims& dims) const;
 
   /// The steps of x in the order of time, `<base>0`, `<base>1`, ..., from a Split `<base>_split`; x itself
-  /// for one step. With `copyProperties` they are made like x.
-  Names splitOverTime(const std::string& base, const TimeSequence& sequence, bool copyProperties);
+  /// for one step. With `copyProperties` they are made like x. `params` are further ones of the Split.
+  Names splitOverTime(const std::string& base, const TimeSequence& sequence, bool copyProperties,
+                      OpParams params = {});
   /// A Concat of the steps, given in the order in which they are computed. Makes the output unless it exists.
   std::string concatOverTime(const std::string& opName, const std::string& outputName,
                              const TimeSequence& sequence, const Names& steps, AxisFormat format);
@@ -50,17 +44,12 @@ class ReplacementOps {
   /// A tensor of other dims that an op will write: types, quantisation, layouts and flags of the model.
   TensorPtr addTensorLike(const TensorPtr& model, const std::string& name, const Dims& dims,
                           TensorType type = TensorType::Native);
-  /// Lets `newName` stand for an output of the op: for its readers, and for the application, which finds it
-  /// under the old name. Nothing happens when there is no such tensor.
+  /// Lets `standIn` be read in the place of an output of the op, whose sources it gets too.
+  void moveReaders(const TensorPtr& oldOutput, const TensorPtr& standIn);
+  /// The same, also for the application, which finds the new tensor under the old name.
   void takeOver(const TensorPtr& oldOutput, const std::string& newName);
-  /// Removes the op, its outputs and whatever computed inputs that only the op read.
-  void retire();
 
  private:
-  std::shared_ptr<IrGraph> graph;
-  OpPtr replaced;
-  std::uint32_t index;
-  std::vector<TraceSource> sources;
   std::optional<bool> updateable;
 };
 

@@ -2,9 +2,19 @@
 
 namespace netforge::graphrefiner {
 
+namespace {
+
+std::shared_ptr<IrTensor> modelOf(const std::shared_ptr<ops::IrOp>& op, std::uint32_t outputIndex,
+                                  const std::shared_ptr<IrTensor>& standIn) {
+  if (op->numOutputs() > outputIndex) return op->getOutput(outputIndex);
+  return standIn->getTensorType() == TensorType::Null ? op->getOutput(0) : standIn;
+}
+
+}  // namespace
+
 StepOutputs::StepOutputs(const std::shared_ptr<ops::IrOp>& op, std::uint32_t outputIndex,
                          const std::string& standInName, const TensorPtr& standInModel, std::uint32_t steps)
-    : model(op->numOutputs() > outputIndex ? op->getOutput(outputIndex) : standInModel),
+    : model(modelOf(op, outputIndex, standInModel)),
       baseName(op->numOutputs() > outputIndex ? model->getName() : standInName),
       stepNames(numberedNames(baseName, steps)) {}
 

@@ -15,7 +15,7 @@ class StepOutputs {
   using TensorPtr = std::shared_ptr<IrTensor>;
 
   /// An output that the op doesn't have is called `standInName` and has the properties of `standInModel`,
-  /// the initial state.
+  /// the initial state; those of output 0 when that is absent.
   StepOutputs(const std::shared_ptr<ops::IrOp>& op, std::uint32_t outputIndex, const std::string& standInName,
               const TensorPtr& standInModel, std::uint32_t steps);
 

@@ -1,7 +1,6 @@
 #include "GraphRefiner/src/passes/expansion/recurrent/TimeSequence.h"
 
 #include <algorithm>
-#include <set>
 
 namespace netforge::graphrefiner {
 
@@ -34,12 +33,6 @@ bool hasDynamicInput(const std::shared_ptr<ops::IrOp>& op) {
   const auto inputs = op->getInputs();
   return std::any_of(inputs.begin(), inputs.end(),
                      [](const auto& input) { return input->getShape().hasDynamicAxes(); });
-}
-
-bool areFreeTensorNames(const IrGraph& graph, const std::vector<std::string>& names) {
-  return std::set<std::string>(names.begin(), names.end()).size() == names.size() &&
-         std::none_of(names.begin(), names.end(),
-                      [&](const std::string& name) { return graph.hasTensor(name); });
 }
 
 std::vector<std::string> numberedNames(const std::string& base, std::uint32_t count) {

@@ -37,8 +37,6 @@ T attributeOr(const std::shared_ptr<ops::IrOp>& op, const std::string& name, con
   return op->getAttributes()->hasAttr(name) ? T(op->getAttributes()->getAttr<T>(name)) : otherwise;
 }
 
-/// Whether none of the names is a tensor of the graph, and none stands in the list twice.
-bool areFreeTensorNames(const IrGraph& graph, const std::vector<std::string>& names);
 /// `<base>0`, `<base>1`, ...
 std::vector<std::string> numberedNames(const std::string& base, std::uint32_t count);
 

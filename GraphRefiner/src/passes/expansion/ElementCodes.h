@@ -4,12 +4,15 @@
 
 namespace netforge::graphrefiner {
 
-// Values of "operation" that recurrent ops are taken apart into.
+// Values of "operation" that ops are taken apart into.
 constexpr std::uint32_t kAdd = 0;  // Eltwise_Binary
+constexpr std::uint32_t kDivide = 2;
+constexpr std::uint32_t kGreater = 6;
 constexpr std::uint32_t kMultiply = 13;
 constexpr std::uint32_t kSubtract = 18;
 constexpr std::uint32_t kRelu = 4;  // ElementWiseNeuron
 constexpr std::uint32_t kSigmoid = 6;
 constexpr std::uint32_t kTanh = 8;
+constexpr std::uint32_t kSquareRoot = 15;  // Eltwise_Unary
 
 }  // namespace netforge::graphrefiner
