@@ -1,5 +1,7 @@
 // The target's op records as dicts, and validators written in Python.
 
+#include <optional>
+
 #include "Core/Validation/src/Operations/OpConfigValidator.h"
 #include "GraphRefiner/src/PythonOwner.h"
 #include "output/IrOrloTranslator.h"
@@ -71,8 +73,16 @@ void bindValidator(py::module_& module) {
 void bindOpConfigs(py::module_& module, Classes& classes) {
   bindValidator(module);
   classes.graph
-      .def_readwrite("opConfigValidator", &IrGraph::opConfigValidator,
-                     "Checks what is added with `validate`; None: nothing is checked.")
+      .def_property(
+          "opConfigValidator",
+          [](const IrGraph& self) -> std::optional<std::shared_ptr<OpConfigValidator>> {
+            if (self.opConfigValidator == nullptr) return std::nullopt;
+            return self.opConfigValidator;
+          },
+          [](IrGraph& self, const std::shared_ptr<OpConfigValidator>& validator) {
+            self.opConfigValidator = validator;
+          },
+          "Checks what is added with `validate`; None: nothing is checked.")
       .def(
           "validateOrloOpConfig", &IrGraph::validateOrloOpConfig, py::arg("op"),
           py::arg("skipStaticData") = true, py::arg("targetName") = "",
