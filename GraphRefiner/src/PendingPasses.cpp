@@ -13,16 +13,7 @@ namespace netforge::graphrefiner {
   }                                         \
   [[maybe_unused]] static const bool registered##name = PassManager::registerPass(PassId::name);
 
-NETFORGE_PENDING(ExpandGruOpStructure)
-NETFORGE_PENDING(ExpandSparseOpStructure)
 NETFORGE_PENDING(ProcessCustomIOQuantInfo)
-NETFORGE_PENDING(UnrollGruTimeSteps)
-NETFORGE_PENDING(ExpandLstmOpStructure)
-NETFORGE_PENDING(UnrollLstm)
-NETFORGE_PENDING(ExpandInverse)
-NETFORGE_PENDING(ExpandThresholdedRelu)
-NETFORGE_PENDING(ExpandElementwiseMean)
-NETFORGE_PENDING(ExpandReduceL2Op)
 NETFORGE_PENDING(RecordLoraTensorTransforms)
 
 #undef NETFORGE_PENDING
