@@ -230,7 +230,12 @@ class IrGraph {
 
   // --- dump and op config check ---
   void dumpJson(const std::string& fileName);
+  /// Translates the op to the target's record, which rewrites its attributes to the target's parameters, and
+  /// lets the validator check it. `skipStaticData` leaves the data of static inputs out of the record.
+  /// Throws std::runtime_error when the check fails, with all messages of the process so far, and without a
+  /// validator; also what the translation throws.
   void validateOrloOpConfig(const OpPtr& op, bool skipStaticData, const std::string& targetName);
+  /// The translator that keeps the records of this graph's ops.
   IrOrloTranslator& getTranslator();
 
   // --- self-check ---
@@ -264,6 +269,7 @@ class IrGraph {
   TraceTable opTraceInfo;
   TraceTable tensorTraceInfo;
   std::shared_ptr<ConversionNamePolicy> namePolicy;
+  std::shared_ptr<IrOrloTranslator> translator;  // made on first use; shared, for its type is unknown here
 };
 
 /// The ops of a set in execution order; ops that the graph doesn't hold come last, by name. Sets of ops are

@@ -57,7 +57,8 @@ IrStaticTensor::IrStaticTensor(const std::string& tensorName, const std::vector<
       dataSize(size),
       dataIsBorrowed(isBorrowed) {
   if (isBorrowed) {
-    data = const_cast<std::uint8_t*>(static_cast<const std::uint8_t*>(source));
+    auto* bytes = const_cast<std::uint8_t*>(static_cast<const std::uint8_t*>(source));
+    data = std::shared_ptr<std::uint8_t[]>(std::shared_ptr<std::uint8_t[]>(), bytes);
   } else if (source != nullptr && size != 0) {
     copyIn(source);
   }
@@ -77,15 +78,18 @@ IrStaticTensor::IrStaticTensor(const std::string& tensorName, const std::vector<
                      ORLO_DATATYPE_UINT_32, AxisFormat::NOT_YET_DEFINED, AxisFormat::NOT_YET_DEFINED, false,
                      TensorType::Static, {}) {}
 
-IrStaticTensor::~IrStaticTensor() {
-  releaseBuffer();
-}
+IrStaticTensor::~IrStaticTensor() = default;
 
 bool IrStaticTensor::isStatic() const {
   return true;
 }
 
 std::uint8_t* IrStaticTensor::getData() {
+  if (!dataLoaded) load();
+  return data.get();
+}
+
+std::shared_ptr<std::uint8_t[]> IrStaticTensor::shareData() {
   if (!dataLoaded) load();
   return data;
 }
@@ -123,8 +127,7 @@ void IrStaticTensor::load() {
   }
   std::memset(buffer.get() + filled, 0, capacity - filled);
 
-  releaseBuffer();
-  data = buffer.release();
+  data = std::move(buffer);
   dataIsBorrowed = false;
   dataLoaded = true;
 }
@@ -138,7 +141,7 @@ std::uint32_t IrStaticTensor::getElement(std::uint64_t index) const {
   if (index >= elements() || data == nullptr || (index + 1) * sizeof word > dataSize) {
     throw std::out_of_range("Index out of bounds for IrStaticTensor");
   }
-  std::memcpy(&word, data + index * sizeof word, sizeof word);
+  std::memcpy(&word, data.get() + index * sizeof word, sizeof word);
   return word;
 }
 
@@ -153,8 +156,7 @@ void IrStaticTensor::updateData(const void* source, std::uint32_t size, bool tak
   }
   if (takeOwnership) {
     auto* buffer = const_cast<std::uint8_t*>(static_cast<const std::uint8_t*>(source));
-    if (buffer != data) releaseBuffer();
-    data = buffer;
+    if (buffer != data.get() || dataIsBorrowed) data.reset(buffer);
     dataIsBorrowed = false;
   } else {
     copyIn(source);
@@ -164,15 +166,10 @@ void IrStaticTensor::updateData(const void* source, std::uint32_t size, bool tak
 
 void IrStaticTensor::copyIn(const void* source) {
   if (dataIsBorrowed || data == nullptr) {
-    data = dataSize != 0 ? makeBuffer(dataSize).release() : nullptr;
+    data = dataSize != 0 ? makeBuffer(dataSize) : nullptr;
     dataIsBorrowed = false;
   }
-  if (dataSize != 0) std::memmove(data, source, dataSize);
-}
-
-void IrStaticTensor::releaseBuffer() {
-  if (!dataIsBorrowed) delete[] data;
-  data = nullptr;
+  if (dataSize != 0) std::memmove(data.get(), source, dataSize);
 }
 
 bool IrStaticTensor::isDataBorrowed() const {
@@ -190,7 +187,7 @@ const ExternalDataRef& IrStaticTensor::getExternalData() const {
 
 void IrStaticTensor::setExternalData(const ExternalDataRef& ref) {
   externalData = std::make_unique<ExternalDataRef>(ref);
-  releaseBuffer();
+  data.reset();
   dataLoaded = false;
 }
 

@@ -172,6 +172,9 @@ class IrStaticTensor : public IrTensor {
   /// std::runtime_error when that fails, and the next call tries again. Whoever writes through the pointer
   /// must know that the tensor owns its bytes: see `updateData`.
   std::uint8_t* getData();
+  /// The same with a hold on them: an owned buffer outlives its tensor, and its replacement by another
+  /// buffer, as long as somebody holds it. Borrowed bytes stay with their owner.
+  std::shared_ptr<std::uint8_t[]> shareData();
   template <class T>
   T* getDataAs() {
     return reinterpret_cast<T*>(getData());
@@ -202,10 +205,9 @@ class IrStaticTensor : public IrTensor {
 
   void copyIn(const void* source);
   void load();
-  void releaseBuffer();
   bool dataEquals(const IrStaticTensor& other) const;
 
-  std::uint8_t* data = nullptr;
+  std::shared_ptr<std::uint8_t[]> data;           // without a count when borrowed
   std::unique_ptr<ExternalDataRef> externalData;  // null when there is none
   std::shared_ptr<TransformManager> transformManager;
   std::uint32_t dataSize;

@@ -41,6 +41,7 @@ RESULTS = {
     ("IrAttributes", "items"): "ItemsView[str, Any]",
     ("IrAttributes", "keys"): "list[str]",
     ("IrAttributes", "toDict"): "dict[str, Any]",
+    ("IrGraph", "translateOp"): "dict[str, Any]",
 }
 
 

@@ -44,5 +44,6 @@ void bindTraceRecords(py::module_& module);
 void bindGraph(py::module_& module, Classes& classes);
 void bindGraphEdits(Classes& classes);
 void bindGraphTrace(Classes& classes);
+void bindOpConfigs(py::module_& module, Classes& classes);
 
 }  // namespace netforge::bindings

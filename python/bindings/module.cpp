@@ -50,4 +50,5 @@ PYBIND11_MODULE(_core, module) {
   bindGraph(module, classes);
   bindGraphEdits(classes);
   bindGraphTrace(classes);
+  bindOpConfigs(module, classes);
 }
