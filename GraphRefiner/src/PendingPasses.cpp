@@ -15,7 +15,6 @@ namespace netforge::graphrefiner {
 
 NETFORGE_PENDING(ExpandGruOpStructure)
 NETFORGE_PENDING(ExpandSparseOpStructure)
-NETFORGE_PENDING(ProcessCustomIOQuantInfo)
 NETFORGE_PENDING(UnrollGruTimeSteps)
 NETFORGE_PENDING(ExpandLstmOpStructure)
 NETFORGE_PENDING(UnrollLstm)
@@ -23,7 +22,6 @@ NETFORGE_PENDING(ExpandInverse)
 NETFORGE_PENDING(ExpandThresholdedRelu)
 NETFORGE_PENDING(ExpandElementwiseMean)
 NETFORGE_PENDING(ExpandReduceL2Op)
-NETFORGE_PENDING(RecordLoraTensorTransforms)
 
 #undef NETFORGE_PENDING
 
