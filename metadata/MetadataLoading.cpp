@@ -91,10 +91,11 @@ class Members {
     fail<std::runtime_error>(kLoad, place, " ", parts..., ": ", path);
   }
 
-  const Value* find(const char* name) const {
+  static const Value* find(const Value& object, const char* name) {
     const auto member = object.FindMember(name);
     return member == object.MemberEnd() ? nullptr : &member->value;
   }
+  const Value* find(const char* name) const { return find(object, name); }
 
   const Value& need(const char* name) const {
     const Value* value = find(name);
@@ -214,12 +215,12 @@ std::string matchKey(Names srcTensors, Names destTensors) {
 void ODLTransformManager::loadMetadata(const std::string& path) {
   BoundedDocument document;
   parseFile(path, document);
-  const auto graphsMember = document.IsObject() ? document.FindMember("graphs") : document.MemberEnd();
-  if (!document.IsObject() || graphsMember == document.MemberEnd() || !graphsMember->value.IsObject()) {
+  const auto* graphsObject = document.IsObject() ? Members::find(document, "graphs") : nullptr;
+  if (graphsObject == nullptr || !graphsObject->IsObject()) {
     fail<std::runtime_error>(kLoad, "Metadata file missing 'graphs' object: ", path);
   }
   const Members root(document, "Metadata file", path);
-  for (const auto& member : graphsMember->value.GetObject()) {
+  for (const auto& member : graphsObject->GetObject()) {
     loadGraph(textOf(member.name), member.value, path);
   }
 }
