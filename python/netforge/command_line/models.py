@@ -31,6 +31,14 @@ def add_model_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--quiet", action="store_true", help="print errors only")
 
 
+def prepared_model(options: argparse.Namespace) -> netforge.IrGraph:
+    """The model with what the options say of the application's buffers."""
+    entries = [] if options.custom_io is None else netforge.read_custom_io(options.custom_io)
+    graph = load_model(options)
+    netforge.set_custom_io(graph, entries)
+    return graph
+
+
 def load_model(options: argparse.Namespace) -> netforge.IrGraph:
     """Imports the model that the options name; draws a progress bar on a terminal when the file is large."""
     path: Path = options.model
