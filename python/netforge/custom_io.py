@@ -14,7 +14,6 @@ Without a scale the tensor keeps its form; the type is uint8 and the offset 0 un
 
 from __future__ import annotations
 
-import math
 import os
 from collections.abc import Iterable, Mapping
 from pathlib import Path
@@ -41,7 +40,9 @@ def custom_io_entries(
     """
     entries = []
     for number, item in enumerate(items, 1):
-        entry = item if isinstance(item, netforge.CustomIOEntry) else _entry(item, f"custom IO entry {number}")
+        entry = (
+            item if isinstance(item, netforge.CustomIOEntry) else _entry(item, f"custom IO entry {number}")
+        )
         if any(entry.tensorName == other.tensorName for other in entries):
             raise CustomIOError(f"custom IO entry {number} is the second for tensor {entry.tensorName!r}")
         entries.append(entry)
@@ -142,7 +143,7 @@ def _scale(value: object, where: str) -> float:
 
 def _is_scale(value: float) -> bool:
     limits = np.finfo(np.float32)
-    return bool(math.isfinite(value)) and float(limits.tiny) <= value <= float(limits.max)
+    return bool(float(limits.tiny) <= value <= float(limits.max))  # false for NaN
 
 
 def _offset(value: object, where: str) -> int:
