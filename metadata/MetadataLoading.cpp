@@ -1,7 +1,6 @@
 // Reading a transform metadata file. A file may hold anything: every type is tested before a value is read.
 
 #include <rapidjson/filereadstream.h>
-#include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -26,27 +25,7 @@ using Shapes = std::vector<std::vector<std::uint32_t>>;
 
 constexpr const char* kLoad = "netforge::graphrefiner::ODLTransformManager::loadMetadata";
 constexpr std::size_t kBufferSize = 65536;
-// Deeper files are refused: each level takes memory while the file is read.
-constexpr std::size_t kDeepestNesting = 1'000'000;
-
-class BoundedDocument : public rapidjson::Document {
- public:
-  bool StartObject() { return ++depth <= kDeepestNesting && rapidjson::Document::StartObject(); }
-  bool StartArray() { return ++depth <= kDeepestNesting && rapidjson::Document::StartArray(); }
-  bool EndObject(rapidjson::SizeType count) {
-    --depth;
-    return rapidjson::Document::EndObject(count);
-  }
-  bool EndArray(rapidjson::SizeType count) {
-    --depth;
-    return rapidjson::Document::EndArray(count);
-  }
-
- private:
-  std::size_t depth = 0;
-};
-
-void parseFile(const std::string& path, BoundedDocument& document) {
+void parseFile(const std::string& path, ParsedDocument& document) {
   struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
@@ -54,13 +33,7 @@ void parseFile(const std::string& path, BoundedDocument& document) {
   if (!file) fail<std::runtime_error>(kLoad, "Cannot open file for reading: ", path);
   std::vector<char> buffer(kBufferSize);
   rapidjson::FileReadStream stream(file.get(), buffer.data(), buffer.size());
-  rapidjson::Reader reader;
-  bool parsed = false;
-  auto generator = [&](rapidjson::Document&) {
-    parsed = !reader.Parse<kJsonParseFlags>(stream, document).IsError();
-    return parsed;
-  };
-  document.Populate(generator);
+  bool parsed = document.parse(stream);
   // A folder can be opened, but not read.
   if (std::ferror(file.get()) != 0) fail<std::runtime_error>(kLoad, "Cannot open file for reading: ", path);
   // The parser takes a NUL byte for the end: behind it there may be more.
@@ -213,7 +186,7 @@ std::string matchKey(Names srcTensors, Names destTensors) {
 }  // namespace
 
 void ODLTransformManager::loadMetadata(const std::string& path) {
-  BoundedDocument document;
+  ParsedDocument document;
   parseFile(path, document);
   const auto* graphsObject = document.IsObject() ? Members::find(document, "graphs") : nullptr;
   if (graphsObject == nullptr || !graphsObject->IsObject()) {

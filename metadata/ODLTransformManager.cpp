@@ -3,6 +3,7 @@
 #include "metadata/ODLTransformManager.h"
 
 #include <rapidjson/filewritestream.h>
+#include <rapidjson/memorystream.h>
 #include <rapidjson/prettywriter.h>
 
 #include <cstdio>
@@ -49,10 +50,10 @@ rapidjson::Value shapeArray(const std::vector<std::vector<std::uint32_t>>& shape
 
 // Null for a text that is no JSON.
 rapidjson::Value parsedValue(const std::string& text, Allocator& allocator) {
-  rapidjson::Document parsed(&allocator);
-  parsed.Parse<kJsonParseFlags>(text.data(), text.size());
+  ParsedDocument parsed(&allocator);
+  rapidjson::MemoryStream stream(text.data(), text.size());
   rapidjson::Value value;
-  if (!parsed.HasParseError()) value.Swap(parsed);
+  if (parsed.parse(stream) && stream.Tell() == text.size()) value.Swap(parsed);
   return value;
 }
 

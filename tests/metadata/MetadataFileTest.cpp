@@ -150,6 +150,24 @@ TEST(MetadataFile, KeepsAttributeValues) {
   }
 }
 
+TEST(MetadataFile, ReadsNumbersOfEveryForm) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"0e302", "0.0"},
+      {"1e-400", "0.0"},
+      {"0.0e-999", "0.0"},
+      {"-0", "0"},
+      {"1E2", "100.0"},
+      {"-7", "-7"},
+      {"1000000000000000000000000000000", "1e30"}};
+  MetadataFolder folder;
+  for (const auto& [text, expected] : cases) {
+    folder.writeGraph(transform("{\"v\": " + text + "}"));
+    ODLTransformManager manager;
+    manager.loadMetadata(folder.path());
+    EXPECT_EQ(manager.getTransformGraph("g").transforms[0].op.attributes.at("v"), expected) << text;
+  }
+}
+
 TEST(MetadataFile, RefusesBrokenFiles) {
   MetadataFolder folder;
   const std::string file = ": " + folder.path();
