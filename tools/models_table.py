@@ -36,20 +36,23 @@ the check calls suspicious by right.
 """
 
 
-def models() -> Iterator[tuple[str, Path | onnx.ModelProto, int | None]]:
-    """Name, model, and the seed for weights where the model's own prove nothing."""
+def models() -> Iterator[tuple[str, Path | onnx.ModelProto, dict]]:
+    """Name, model, and options of the import, such as the seed for weights where the model's own prove
+    nothing."""
     for path in sorted(sample_models.LIGHT.glob("light_*.onnx")):
-        yield path.stem.removeprefix("light_"), path, 1
+        yield path.stem.removeprefix("light_"), path, {"random_weights": 1}
     if (trained := sample_models.trained_model()) is not None:
-        yield "basic-pitch", trained, None
-    yield "transformer encoder", sample_models.transformer_encoder(), None
-    yield "transformer encoder, tanh", sample_models.transformer_encoder(tanh=True), None
-    yield "window transformer", sample_models.window_transformer(), None
+        yield "basic-pitch", trained, {}
+    if (speech := sample_models.speech_model()) is not None:
+        yield "silero-vad, 5 windows", speech, {"input_shapes": {"input": [5, 576]}}
+    yield "transformer encoder", sample_models.transformer_encoder(), {}
+    yield "transformer encoder, tanh", sample_models.transformer_encoder(tanh=True), {}
+    yield "window transformer", sample_models.window_transformer(), {}
 
 
-def row(name: str, model: Path | onnx.ModelProto, seed: int | None, layout: str) -> str:
+def row(name: str, model: Path | onnx.ModelProto, settings: dict, layout: str) -> str:
     def load() -> netforge.IrGraph:
-        return netforge.from_onnx(model, layout, random_weights=seed)
+        return netforge.from_onnx(model, layout, **settings)
 
     graph = load()
     counts = [[graph.numOps(), *(graph.countOpsOfType(kind) for kind in COUNTED)]]
@@ -58,7 +61,7 @@ def row(name: str, model: Path | onnx.ModelProto, seed: int | None, layout: str)
         refiner.GraphRefiner(graph, STAGES, None, refiner.GraphRefinerContext()).optimize()
     seconds = time.perf_counter() - begin
     counts.append([graph.numOps(), *(graph.countOpsOfType(kind) for kind in COUNTED)])
-    report = netforge.check(load() if seed is not None else model, graph)
+    report = netforge.check(load() if settings else model, graph)
     cells = [f"{before} → {after}" for before, after in zip(*counts, strict=True)]
     return f"| {name} | {layout} | {' | '.join(cells)} | {seconds * 1e3:.0f} ms | {report.worst} |"
 
@@ -69,11 +72,11 @@ def main() -> None:
     parser.add_argument("--output", type=Path, help="write the page there too")
     options = parser.parse_args()
     rows = []
-    for name, model, seed in models():
+    for name, model, settings in models():
         if options.names and name not in options.names:
             continue
         for layout in ("spatial_first", "source"):
-            rows.append(row(name, model, seed, layout))
+            rows.append(row(name, model, settings, layout))
             print(rows[-1], flush=True)
     if options.output is not None:
         options.output.write_text(HEAD + "\n".join(rows) + "\n")

@@ -25,6 +25,12 @@ def trained_model() -> Path | None:
     return None if spec is None else next(Path(spec.origin).parent.rglob("*.onnx"))
 
 
+def speech_model() -> Path | None:
+    """A trained voice activity detector: convolutions and an LSTM over a number of windows of 576 samples."""
+    spec = importlib.util.find_spec("silero_vad")
+    return None if spec is None else Path(spec.origin).parent / "data/silero_vad_16k_sequence.onnx"
+
+
 class Network:
     """Collects nodes and weights; every method gives the name of the tensor that it makes."""
 

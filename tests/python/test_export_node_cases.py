@@ -1,4 +1,5 @@
-"""The onnx package's single-operator cases through import and export: the published results come out.
+"""The onnx package's single-operator cases through import, all passes and export: the published results come
+out.
 
 A case counts against the export only where the runtime runs the original and gets the published results.
 """
@@ -9,6 +10,7 @@ import os
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
 
+import libPyGraphRefiner312 as refiner
 import netforge
 import numpy as np
 import onnx
@@ -18,9 +20,13 @@ from import_cases import node_cases
 from netforge.onnx_import.spatial import LAYOUT_OPERATORS
 from onnx import numpy_helper
 
-# Shape inference of the version that is written doesn't know yet that a window in the padding is dropped.
-KNOWN = {"test_averagepool_2d_ceil_last_window_starts_on_pad"}
-FEWEST_PASSING = 1400
+KNOWN = {
+    # Shape inference of the version that is written doesn't know yet that a window in the padding is dropped.
+    "test_averagepool_2d_ceil_last_window_starts_on_pad",
+    # A gather of seven axes can't be lowered to five, which ends the optimization.
+    "test_nllloss_NCd1d2d3d4d5_mean_weight_expanded",
+}
+FEWEST_PASSING = 1500
 
 onnxruntime.set_default_logger_severity(4)
 
@@ -60,12 +66,21 @@ def is_close(case: object, found: list[list], wanted: list[list]) -> bool:
     return True
 
 
+def optimize(graph: netforge.IrGraph) -> None:
+    stages = [getattr(refiner.OptimizationStage, name) for name in ("PreLayout", "PostLayout")]
+    refiner.GraphRefiner(graph, stages, None, refiner.GraphRefinerContext()).optimize()
+
+
 def outcome(case: object, layout: str) -> str:
     """ "passes", "import refuses", "runtime at fault", or what is wrong."""
     try:
         graph = netforge.from_onnx(case.model, layout)
     except netforge.OnnxImportError:
         return "import refuses"
+    try:
+        optimize(graph)
+    except RuntimeError as error:
+        return f"the passes refuse: {error}"
     try:
         model = netforge.to_onnx(graph)
         onnx.checker.check_model(model, full_check=True)

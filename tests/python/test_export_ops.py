@@ -293,7 +293,7 @@ def test_numbers_survive_the_way_through_an_encoding(kind: str) -> None:
     [
         ("Eltwise_Binary", {"operation": np.uint32(17)}, "operation 17 isn't known"),
         ("HadamardTransform", {"scale": 1.0}, "no power of two"),
-        ("Gru", {}, "no ONNX form is known"),
+        ("Gru", {"hidden_size": np.uint32(6)}, "its input 1 is no matrix"),
         ("NoSuchOperator", {}, "no ONNX form is known"),
     ],
 )

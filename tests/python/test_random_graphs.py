@@ -11,7 +11,9 @@ import netforge
 import netforge_testing
 import numpy as np
 import pytest
+from netforge import DataType
 from netforge.checking.running import Session
+from onnxruntime.capi.onnxruntime_pybind11_state import InvalidArgument
 from random_graphs import __main__ as command
 from random_graphs.differential import Failure, Snapshot, compare, run_alone
 from random_graphs.evaluator import Inconsistent, UnknownOp, evaluate, random_inputs
@@ -71,12 +73,24 @@ def test_values_agree_with_the_runtime() -> None:
             session = Session(netforge.to_onnx(graph))
         except netforge.OnnxExportError:
             continue
-        if any(tensor.isQuantized() for tensor in graph.tensors.values()):
+        # The evaluator knows no types: no encodings, no half floats, nor activations of whole numbers.
+        if any(
+            tensor.isQuantized() or tensor.dataType == DataType.ORLO_DATATYPE_FLOAT_16
+            for tensor in graph.tensors.values()
+        ) or any(
+            op.type == "ElementWiseNeuron" and op.outputs[0].dataType != DataType.ORLO_DATATYPE_FLOAT_32
+            for op in graph.ops
+        ):
             continue
-        kinds = {"tensor(float)": np.float32, "tensor(int32)": np.int32, "tensor(bool)": np.bool_}
-        feeds = {info.name: inputs[info.name].astype(kinds[info.type]) for info in session.inputs}
+        kinds = {"float": np.float32, "int32": np.int32, "int64": np.int64, "bool": np.bool_}
+        feeds = {info.name: inputs[info.name].astype(kinds[info.type[7:-1]]) for info in session.inputs}
         values = evaluate(graph, inputs)
-        for name, found in session.run(feeds).items():
+        try:
+            results = session.run(feeds)
+        except InvalidArgument as refusal:  # a normalisation of one element
+            assert "must be larger than 1" in str(refusal)
+            continue
+        for name, found in results.items():
             scale = max(1.0, float(np.abs(values[name]).max(initial=0.0)))
             np.testing.assert_allclose(
                 found, values[name], rtol=0, atol=1e-4 * scale, err_msg=f"{seed}: {name}"

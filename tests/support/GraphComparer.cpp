@@ -118,6 +118,7 @@ class Comparison {
     check(tensor + "type", typeWord(expected.getDataType()), typeWord(found.getDataType()));
     check(tensor + "role", roleWord(expected), roleWord(found));
     check(tensor + "updateable", expected.isUpdateable(), found.isUpdateable());
+    check(tensor + "sparsity", sparseText(expected.getSparseParams()), sparseText(found.getSparseParams()));
     check(tensor + "quantizable", expected.isQuantizable(), found.isQuantizable());
     if (expected.getAxisFormat() != AxisFormat::NOT_YET_DEFINED) {
       check(tensor + "layout", axisFormatToString(expected.getAxisFormat()),

@@ -46,6 +46,7 @@ std::string tensorText(const IrTensor& tensor) {
   if (!tensor.getExplicitPermuteOrder().empty())
     text += " order=" + dimsText(tensor.getExplicitPermuteOrder());
   if (tensor.isUpdateable()) text += " updateable";
+  text += sparseText(tensor.getSparseParams());
   return text + quantText(tensor);
 }
 

@@ -23,6 +23,7 @@ struct TensorText {
   std::optional<float> scale;
   double offset = 0.0;
   std::optional<std::pair<float, float>> range;
+  SparseParams sparse;
   bool updateable = false;
   bool noquant = false;
   bool optional = false;
@@ -70,6 +71,10 @@ void parseSetting(TensorText& tensor, const std::string& word) {
     const std::size_t slash = value.find('/');
     tensor.range = {static_cast<float>(parseNumber(value.substr(0, slash))),
                     static_cast<float>(parseNumber(value.substr(slash + 1)))};
+  } else if (key == "sparse") {
+    const std::size_t slash = value.find('/');
+    tensor.sparse = {0, static_cast<std::uint32_t>(parseNumber(value.substr(0, slash))),
+                     static_cast<std::uint32_t>(parseNumber(value.substr(slash + 1)))};
   } else {
     throw std::invalid_argument("unknown word: " + word);
   }
@@ -196,6 +201,7 @@ class GraphReader {
     if (text.srcFormat != AxisFormat::NOT_YET_DEFINED) tensor.setSrcAxisFormat(text.srcFormat);
     if (!text.order.empty()) tensor.setExplicitPermuteOrder(text.order);
     if (text.updateable) tensor.setUpdateable(true);
+    tensor.setSparseParams(text.sparse);
     QuantInfo info;
     if (text.scale) {
       info.encoding = QuantEncodingKind::ScaleOffset;

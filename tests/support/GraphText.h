@@ -21,6 +21,7 @@
 /// be left out and is inferred then (a plain op's outputs have the shape of its first input):
 ///   src=NHWC srctype=i64 order=[0,2,3,1]     layout and type in the source model, explicit permute order
 ///   scale=0.5 offset=-3                      per-tensor quantisation; the type is then sq8, uq16 ...
+///   sparse=3/2                               a sparse tensor: specified elements and sparse dimensions
 ///   range=-1/1                               a float tensor with a range that the user gave
 ///   updateable, noquant                      flags
 ///   optional, both                           of "in" and "out": the optional kinds, an input and output

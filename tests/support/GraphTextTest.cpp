@@ -13,6 +13,7 @@ constexpr const char* kEverything =
 in x[2,3,?5,7] f32 NCHW src=NHWC order=[0,2,3,1]
 in m[1] i32 srctype=i64 updateable
 in o[2,3] f32 optional
+in sp[4,5,3] f32 sparse=6/2
 const c[2] f32 = 1 -0.5
 const h[3] f16 = fill 0.5
 const i[2,2] i64 = 0 1 2 -3

@@ -309,6 +309,12 @@ DataType defaultAttributeType(const std::string& opType, const std::string& attr
   return type;
 }
 
+std::string sparseText(const SparseParams& params) {
+  if (params.layout == SparseParams().layout) return "";
+  return " sparse=" + std::to_string(params.numSpecifiedElements) + "/" +
+         std::to_string(params.numSparseDimensions);
+}
+
 AttrClass attributeClass(const std::string& opType, const std::string& attribute) {
   const auto* param = findParam(opType, attribute);
   if (param != nullptr) return param->attrClass;

@@ -53,6 +53,8 @@ Literal parseLiteral(std::string_view text);
 /// by its look: u32, i32 when something is negative, f32 when something isn't whole, bool, str.
 DataType defaultAttributeType(const std::string& opType, const std::string& attribute,
                               const Literal& literal);
+/// " sparse=3/2", empty for a dense tensor.
+std::string sparseText(const SparseParams& params);
 AttrClass attributeClass(const std::string& opType, const std::string& attribute);
 /// Whether createOp builds this type; such ops bear "packageName" = "orlo.base" unless the text says more.
 bool isFactoryType(const std::string& opType);

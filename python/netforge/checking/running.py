@@ -10,10 +10,12 @@ import onnx
 
 from netforge.checking.doubling import doubled
 from netforge.checking.kernels import FAST_KERNELS
+from netforge.checking.recurrent_kernels import RECURRENT_KERNELS
 
 Feeds = dict[str, np.ndarray]
 # Above this size a second copy of all constants as doubles is too much.
 LARGEST_DOUBLED = 1 << 30
+_RUN_IN_NUMPY = frozenset(("LSTM", "GRU", "RNN"))
 
 
 class Session:
@@ -57,17 +59,21 @@ class DoubleRun:
             self.note = "the model has subgraphs or types that a double-precision run can't be made of"
             return
         self._kinds = {info.name: info.type.tensor_type.elem_type for info in double.graph.input}
-        try:
-            self._session = Session(double)
-            self.precision = "double (runtime)"
-        except Exception:
-            self._start_reference(double)
+        # The runtime takes some operators in double precision and refuses them when they run.
+        if not _RUN_IN_NUMPY & {node.op_type for node in double.graph.node}:
+            try:
+                self._session = Session(double)
+                self.precision = "double (runtime)"
+                return
+            except Exception:
+                pass
+        self._start_reference(double)
 
     def _start_reference(self, double: onnx.ModelProto) -> None:
         from onnx.reference import ReferenceEvaluator
 
         try:
-            self._evaluator = ReferenceEvaluator(double, new_ops=FAST_KERNELS)
+            self._evaluator = ReferenceEvaluator(double, new_ops=FAST_KERNELS + RECURRENT_KERNELS)
             self.precision = "double (reference)"
         except Exception as error:
             self.note = f"no double-precision run: {error}"

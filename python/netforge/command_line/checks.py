@@ -8,12 +8,14 @@ from collections.abc import Callable, Sequence
 from pathlib import Path
 
 import libPyGraphRefiner312 as refiner
+import onnx
 
 import netforge
 from netforge.checking import Checker, CheckReport, EachPassReport, check_each_pass
 from netforge.checking.each_pass import optimizing
 from netforge.command_line.capture import captured_output
-from netforge.command_line.models import load_model, prepared_model
+from netforge.command_line.models import load_model, prepared_model, settled_inputs
+from netforge.onnx_import.specialization import specialize
 
 
 def check_run(
@@ -38,12 +40,13 @@ def check_run(
 
 
 def _original(options: argparse.Namespace) -> Checker:
-    """The model's file, but where its weights were replaced, or the runtime is older than the model: then the
-    imported graph."""
+    """The model's file, but where its weights or inputs were replaced by constants, or the runtime is older
+    than the model: then the imported graph. Branches that a constant decides would keep the file from being
+    run in double precision."""
     path: Path = options.model
-    if options.random_weights is None:
+    if options.random_weights is None and not options.input_value:
         try:
-            return Checker(path)
+            return Checker(_settled(path, options))
         except Exception as error:
             reason = " ".join(str(error).split())[:200]
             checker = Checker(load_model(options))
@@ -52,6 +55,13 @@ def _original(options: argparse.Namespace) -> Checker:
             )
             return checker
     return Checker(load_model(options))
+
+
+def _settled(path: Path, options: argparse.Namespace) -> Path | onnx.ModelProto:
+    """The file, or its model with the shapes that the options settle."""
+    if not options.input_shape:
+        return path
+    return specialize(onnx.load(path), **settled_inputs(options))
 
 
 def _captured(run: Callable[[], None]) -> list[str]:

@@ -18,6 +18,7 @@ from netforge.onnx_export import (  # noqa: F401  the modules enter their writer
     writers_movement,
     writers_normalization,
     writers_quantization,
+    writers_recurrent,
     writers_sparse,
 )
 from netforge.onnx_export.element_types import element_type

@@ -53,6 +53,8 @@ class GraphWriter:
         self.channel_last = isinstance(graph.axisOrder, netforge.SpatialFirstAxisOrder)
         # Values with their channels last -> the same with the channels behind the batch.
         self.channel_first_forms: dict[str, str] = {}
+        self.places: dict[str, str] = {}  # sparse values -> the coordinates of their rows
+        self.places_in: dict[str, str] = {}  # index tensors -> the coordinates that they hold
         self.aliases: dict[str, str] = {}  # tensors that another value stands for
         self._tensors: dict[str, netforge.IrTensor] = dict(graph.tensors)
         self._names = set(self._tensors)
@@ -130,6 +132,27 @@ class GraphWriter:
             self.initializers[name] = Initializer(
                 name, kind, dims, lambda: np.ascontiguousarray(change(static_array(tensor))).reshape(dims)
             )
+            self.values[name] = Value(kind, dims)
+        return self._forms[form]
+
+    def joined_constants(self, values: Sequence[str], dims: tuple[int, ...], name: str) -> str | None:
+        """Constants of the graph, their elements behind one another and zeros behind those, as one of the
+        given dims, made when it is written; None when one of them is no constant."""
+        tensors = [self.values[value].tensor for value in values]
+        if None in tensors:
+            return None
+        form = ("joined", *values, *dims)
+        if form not in self._forms:
+            kind = self.values[values[0]].kind
+
+            def array() -> np.ndarray:
+                elements = np.zeros(int(np.prod(dims)), numpy_type(kind))
+                joined = np.concatenate([static_array(tensor).reshape(-1) for tensor in tensors])
+                elements[: joined.size] = joined
+                return elements.reshape(dims)
+
+            name = self._forms[form] = self.unique(name)
+            self.initializers[name] = Initializer(name, kind, dims, array)
             self.values[name] = Value(kind, dims)
         return self._forms[form]
 

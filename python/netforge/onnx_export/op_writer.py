@@ -18,6 +18,7 @@ from netforge.onnx_export.element_types import (
 )
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import Dim, GraphWriter, Value, dims_of
+from netforge.onnx_export.operand_types import common_types
 
 MISSING = object()
 END = np.iinfo(np.int64).max
@@ -109,8 +110,10 @@ class OpWriter:
     ) -> str:
         """A node of one output. `kind` is the type of the result, by default that of the first input.
 
-        Operands of a type that the runtime has no kernel for are cast, and so is the result.
+        Operands that the operator wants of one type are cast, and so are those of a type that the runtime
+        has no kernel for, with the result.
         """
+        inputs = self.alike(op_type, inputs)
         given = self.kind(inputs[0])
         computing = computing_type(op_type, given)
         result = given if kind is None else kind
@@ -121,6 +124,16 @@ class OpWriter:
         output = self.temporary(computing if result == given and computing != given else result, dims)
         self.graph.add(op_type, inputs, [output], self.op.name, attributes)
         return self.cast(output, result)
+
+    def alike(self, op_type: str, inputs: Sequence[str]) -> list[str]:
+        """The operands, cast where the operator wants several of one type."""
+        kinds = [self.kind(name) if name else 0 for name in inputs]
+        if len(set(kinds) - {0}) < 2:
+            return list(inputs)
+        return self.cast_all(inputs, common_types(op_type, self.graph.opset, "", kinds)[0])
+
+    def cast_all(self, values: Sequence[str], kinds: Sequence[int]) -> list[str]:
+        return [self.cast(name, kind) if name else name for name, kind in zip(values, kinds, strict=True)]
 
     def nodes(
         self, op_type: str, inputs: Sequence[str], attributes: dict[str, object], kinds: list[int]
@@ -136,6 +149,10 @@ class OpWriter:
         self.graph.values[name] = Value(kind, dims)
         self._temporaries.add(name)
         return name
+
+    def keep(self, value: str) -> None:
+        """Lets later ops read the value by this name: no output takes it over."""
+        self._temporaries.discard(value)
 
     def constant(self, values: object, kind: int, hint: str = "constant") -> str:
         return self.graph.constant(np.array(values, dtype=numpy_type(kind)), f"{self.op.name}_{hint}")

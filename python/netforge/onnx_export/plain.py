@@ -13,6 +13,7 @@ from netforge.onnx_export.element_types import element_type
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import GraphWriter
 from netforge.onnx_export.op_writer import OpWriter
+from netforge.onnx_export.operand_types import common_types, output_types
 from netforge.onnx_export.registry import writers
 
 OLDEST_OPSET, DEFAULT_OPSET = 18, 21
@@ -118,7 +119,32 @@ def write_plain(op: OpWriter) -> None:
     inputs = _at_places(op, list(op.inputs), "onnx_input_positions")
     for place in op.integers("onnx_scalar_inputs", []):
         inputs[place] = op.reshape(inputs[place], ())
+    kinds = [op.kind(value) if value else 0 for value in inputs]
+    wanted, bound = common_types(name, version, domain, kinds)
+    inputs = op.cast_all(inputs, wanted)
     outputs = _at_places(op, [tensor.name for tensor in op.op.outputs], "onnx_output_positions")
+    _enter_outputs(op)
+    shown = outputs
+    outputs = [
+        op.temporary(kind) if held and kind and op.kind(held) != kind else held
+        for held, kind in zip(shown, output_types(name, version, domain, len(shown), bound), strict=True)
+    ]
+    _write(op, name, domain, version, schema, inputs, outputs, attributes)
+    for held, made in zip(shown, outputs, strict=True):
+        if held != made:
+            op.graph.add("Cast", [made], [held], op.op.name, {"to": op.kind(held)})
+
+
+def _write(
+    op: OpWriter,
+    name: str,
+    domain: str,
+    version: int,
+    schema: defs.OpSchema | None,
+    inputs: list[str],
+    outputs: list[str],
+    attributes: dict[str, object],
+) -> None:
     if domain:
         if op.graph.domains.setdefault(domain, version) != version:
             raise op.fail(f"the versions of domain '{domain}' differ from op to op")
@@ -131,7 +157,6 @@ def write_plain(op: OpWriter) -> None:
         for key, attribute in schema.attributes.items():
             if key not in attributes and attribute.default_value.type and key in target:
                 attributes[key] = helper.get_attribute_value(attribute.default_value)
-    _enter_outputs(op)
     op.graph.add(name, inputs, outputs, op.op.name, attributes, domain)
 
 
@@ -189,7 +214,6 @@ def _write_converted(
     """Brings the node to the graph's version, as the onnx package converts a model of this one node."""
     if name in _RENAMED:
         op.graph.add(_RENAMED[name], inputs, outputs, op.op.name, attributes)
-        _enter_outputs(op)
         return
     node = helper.make_node(name, inputs, outputs, **attributes)
     infos = {}
@@ -202,8 +226,8 @@ def _write_converted(
         else:
             infos[value] = helper.make_tensor_value_info(value, found.kind, found.dims)
     results = [
-        helper.make_tensor_value_info(tensor.name, op.out_kind(position), op.out_dims(position))
-        for position, tensor in enumerate(op.op.outputs)
+        helper.make_tensor_value_info(value, op.kind(value), op.graph.values[value].dims)
+        for value in filter(None, outputs)
     ]
     graph = helper.make_graph([node], "node", list(infos.values()), results, initializers)
     model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", version)])
@@ -216,7 +240,6 @@ def _write_converted(
             f"{name} of opset {version} can't be brought to opset {op.graph.opset}: {text}",
             f"'{op.op.name}' ({op.op.type})",
         ) from error
-    _enter_outputs(op)
     _splice(op.graph, op.op.name, converted, {*inputs, *outputs})
 
 

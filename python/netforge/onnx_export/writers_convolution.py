@@ -7,6 +7,7 @@ from dataclasses import dataclass
 from netforge.onnx_export.graph_writer import Dim
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writer
+from netforge.onnx_export.sparse_form import finish_at_places, reuses_places
 
 VALID, SAME_BEGIN, SAME_END, EXPLICIT_FLOOR = 0, 1, 2, 5
 # Orders to ONNX's weights: [outputs, inputs, kernel], for transposed convolutions [inputs, outputs, kernel].
@@ -60,7 +61,11 @@ def conv(op: OpWriter) -> None:
     depthwise = op.op.type == "DepthWiseConv2d"
     channels = dims[1] if dims[1] is not None else op.static_dims(weight)[0]
     attributes["group"] = channels if depthwise else int(op.attribute("group", 1))
-    op.channel_first_result(op.node("Conv", [x, weight, *_bias(op, x)], attributes))
+    y = op.node("Conv", [x, weight, *_bias(op, x)], attributes)
+    if reuses_places(op):
+        finish_at_places(op, op.transpose(y, (0, *range(2, len(dims)), 1)))
+    else:
+        op.channel_first_result(y)
 
 
 def _order(op: OpWriter, orders: dict[int, tuple[int, ...]], weight: str) -> tuple[int, ...]:

@@ -10,6 +10,7 @@ import numpy as np
 from netforge.onnx_export.element_types import BOOL, FLOATS, INT32, INT64, INTEGERS, UNSIGNED, numpy_type
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writer
+from netforge.onnx_export.sparse_form import carry_common_places, finish_at_places, is_sparse
 
 _UNARY = {
     0: "Abs", 1: "Asin", 2: "Atan", 3: "Ceil", 4: "Cos", 5: "Exp", 6: "Floor", 7: "Log", 8: "Neg", 9: "Not",
@@ -95,6 +96,7 @@ def binary(op: OpWriter) -> None:
         op.result(op.node("Not", [compared]) if operation == NOT_EQUAL else compared)
     elif operation in _ARITHMETIC:
         op.result(op.node(_ARITHMETIC[operation], [left, right]))
+        carry_common_places(op)
     elif operation == FLOOR_DIVIDE:
         op.result(_floor_divide(op, left, right))
     elif operation == FMOD:
@@ -246,7 +248,11 @@ def neuron(op: OpWriter) -> None:
     x = op.x
     if op.kind(x) not in FLOATS and (operation != 4 or op.kind(x) in UNSIGNED | {BOOL}):
         x = op.require_float(x)
-    op.result(_NEURONS[operation](op, x))
+    y = _NEURONS[operation](op, x)
+    if is_sparse(op):
+        finish_at_places(op, y)
+    else:
+        op.result(y)
 
 
 @writer("Gelu")

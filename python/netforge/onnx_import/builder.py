@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import numpy as np
+from onnx import TensorProto
 
 from netforge.onnx_import.errors import NotTyped, OnnxImportError
 from netforge.onnx_import.layout import (
@@ -39,6 +40,7 @@ class Builder:
         self._tensor_names = self._names_of_model()
         self._op_names = {node.name for node in model.nodes} | {node.name for node in model.folded}
         self._taken_op_names: set[str] = set()
+        self._absent = ""
         for name in model.inputs:
             kind = model.type_of(name)
             self._enter(self._tensor_of(name, name, kind, SOURCE, "input"), SOURCE)
@@ -133,6 +135,27 @@ class Builder:
         tensor = PlannedTensor(name, constant.elem_type, constant.dims, format, format, "static", constant)
         self.plan.tensors[name] = tensor
         return name
+
+    def get_part(self, value: str, label: str, array: np.ndarray) -> str:
+        """A constant that is cut from one of the model, named after it; all that ask for it share it."""
+        key = ("part", label, array.shape)
+        if (value, key) not in self._forms:
+            name = self._free_tensor_name(f"{value}_{label}")
+            elem_type, format = self.model.constants[value].elem_type, plain_format(array.ndim)
+            constant = Constant.from_array(np.ascontiguousarray(array), elem_type)
+            self._enter(
+                PlannedTensor(name, elem_type, array.shape, format, format, "static", constant, value), key
+            )
+        return self._forms[(value, key)]
+
+    def absent(self) -> str:
+        """The null tensor, which stands at the places of inputs that an op doesn't have."""
+        if not self._absent:
+            self._absent = self._free_tensor_name("absent")
+            self.plan.tensors[self._absent] = PlannedTensor(
+                self._absent, TensorProto.FLOAT, (0,), "ANY", "ANY", "null"
+            )
+        return self._absent
 
     def temporary(self, suffix: str, elem_type: int, dims: Dims, format: str | None = None) -> str:
         """A native tensor between two ops of the current node."""

@@ -33,16 +33,25 @@ _CLASSES = {
     "transpose_b": 3,
     "data_format": 3,
 }
+# The same for attributes whose names mean something else in other ops.
+_CLASSES_OF_OPS = {
+    ("Reshape", "shape"): 2,  # no parameter of the runtime, while the target dims of an Expand are
+    ("Lstm", "hidden_size"): 2,
+    ("Gru", "hidden_size"): 2,
+    ("Gru", "gate_activation"): 3,
+    ("Gru", "rec_gate_activation"): 3,
+}
 _PLACEHOLDER = 1  # size that stands at a dynamic axis
 
 
 def emit(plan: Plan, model: Model, name: str, spatial_first: bool) -> netforge.IrGraph:
     order = netforge.SpatialFirstAxisOrder() if spatial_first else netforge.OnnxAxisOrder()
     graph = netforge.IrGraph(name, order)
+    graph.acceptsBiaslessFold = True  # a convolution takes a bias as its third input
     shown = [plan.tensors[value] for value in model.outputs]
     inputs = [plan.tensors[value] for value in model.inputs]
     # The lists of inputs and outputs keep the order in which their tensors are entered.
-    rest = [tensor for tensor in plan.tensors.values() if tensor.role in ("native", "static")]
+    rest = [tensor for tensor in plan.tensors.values() if tensor.role in ("native", "null", "static")]
     for tensor in (*inputs, *shown, *rest):
         with _reported(f"tensor '{tensor.name}' can't be held"):
             graph.addTensor(_tensor(tensor))
@@ -87,6 +96,7 @@ def _tensor(tensor: PlannedTensor) -> netforge.IrTensor:
             "input": netforge.TensorType.GraphInput,
             "output": netforge.TensorType.GraphOutput,
             "native": netforge.TensorType.Native,
+            "null": netforge.TensorType.Null,
         }
         return netforge.IrTensor(
             tensor.name, _shape(tensor.dims), data_type, tensorType=roles[tensor.role], **formats
@@ -109,8 +119,7 @@ def _tensor(tensor: PlannedTensor) -> netforge.IrTensor:
 def _attributes(op: PlannedOp) -> netforge.IrAttributes:
     attributes = netforge.IrAttributes({})
     for name, value in op.attributes.items():
-        # The target dims of a Reshape are no parameter of the runtime, those of an Expand are.
-        attr_class = 2 if (op.type, name) == ("Reshape", "shape") else _CLASSES.get(name, 1)
+        attr_class = _CLASSES_OF_OPS.get((op.type, name), _CLASSES.get(name, 1))
         attributes.add(name, _attribute_value(op, name, value), attr_class)
     if not op.plain and not attributes.hasAttr("packageName"):
         attributes.add("packageName", "orlo.base", 2)

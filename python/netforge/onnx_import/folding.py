@@ -20,7 +20,8 @@ from netforge.onnx_import.values import FLOAT_TYPES, Constant, storage_dtype
 # Folding a node may not make a constant larger than this, unless the node is a fill.
 _LARGEST_RESULT = 1 << 26
 
-_NOT_REPEATABLE = frozenset(
+# What isn't repeatable, and what the evaluator computes without heed to some attributes and inputs.
+_NOT_EVALUATED = frozenset(
     (
         "RandomNormal",
         "RandomNormalLike",
@@ -29,6 +30,9 @@ _NOT_REPEATABLE = frozenset(
         "Bernoulli",
         "Multinomial",
         "Dropout",
+        "GRU",
+        "LSTM",
+        "RNN",
     )
 )
 
@@ -63,7 +67,7 @@ class Folder:
         if node.op_type == "Constant":
             self.constants[node.output[0]] = constant_of_node(node)
             return True
-        if node.op_type in _NOT_REPEATABLE or any(_holds_graph(attribute) for attribute in node.attribute):
+        if node.op_type in _NOT_EVALUATED or any(_holds_graph(attribute) for attribute in node.attribute):
             return False
         if node.op_type == "ConstantOfShape":
             return self._fold_fill(node)

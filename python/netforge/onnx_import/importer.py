@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Callable
+from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 from typing import TYPE_CHECKING
 
@@ -17,6 +17,7 @@ from netforge.onnx_import import (  # noqa: F401  the modules enter their conver
     ops_movement,
     ops_normalization,
     ops_pooling,
+    ops_recurrent,
     ops_reduction,
 )
 from netforge.onnx_import.account import ImportAccount
@@ -27,6 +28,7 @@ from netforge.onnx_import.plan import Plan
 from netforge.onnx_import.preparation import Model, prepare
 from netforge.onnx_import.registry import convert_node
 from netforge.onnx_import.spatial import spatial_values
+from netforge.onnx_import.specialization import specialize
 
 if TYPE_CHECKING:
     from netforge import IrGraph
@@ -42,10 +44,13 @@ def plan_model(
     account: ImportAccount,
     external_data_dir: str | os.PathLike[str] | None,
     progress: Progress,
+    input_shapes: Mapping[str, Sequence[int]] | None = None,
+    constant_inputs: Mapping[str, object] | None = None,
 ) -> tuple[Plan, Model]:
     """Everything up to the graph itself. Raises OnnxImportError, without a file name."""
     progress(0.0, "reading")
     loaded = load_model(source, external_data_dir)
+    loaded.proto = specialize(loaded.proto, input_shapes or {}, constant_inputs or {})
     progress(0.2, "folding constants")
     model = prepare(
         loaded,
@@ -93,6 +98,8 @@ def from_onnx(
     random_weights: int | None = None,
     *,
     external_data_dir: str | os.PathLike[str] | None = None,
+    input_shapes: Mapping[str, Sequence[int]] | None = None,
+    constant_inputs: Mapping[str, object] | None = None,
     account: ImportAccount | None = None,
     progress: Progress | None = None,
 ) -> IrGraph:
@@ -103,7 +110,12 @@ def from_onnx(
     OnnxAxisOrder. Graph inputs and outputs keep name, shape and type in both. Constants are borrowed from
     the loaded model or stay in their external files until they are read; `external_data_dir` says where
     those lie, by default beside the model. `random_weights` is a seed: weights that the model fills with
-    one value get random ones instead. `progress(fraction, what)` is called now and then.
+    one value get random ones instead.
+
+    `input_shapes` settles the shapes of inputs by name; their symbols get the same sizes everywhere.
+    `constant_inputs` gives the values of inputs that the graph shall not have, such as a sampling rate or a
+    training flag, whereupon branches and sizes that hang on them are decided. `progress(fraction, what)` is
+    called now and then.
 
     The account of the import is filled into `account` where one is given, and is found by
     `import_account(graph)`. Raises OnnxImportError, a ValueError, for a model that is broken, of an
@@ -117,7 +129,16 @@ def from_onnx(
     account = ImportAccount() if account is None else account
     report = progress or (lambda fraction, what: None)
     try:
-        plan, model = plan_model(source, layout, random_weights, account, external_data_dir, report)
+        plan, model = plan_model(
+            source,
+            layout,
+            random_weights,
+            account,
+            external_data_dir,
+            report,
+            input_shapes,
+            constant_inputs,
+        )
         report(0.7, "building the graph")
         graph = emit(plan, model, graph_name(source, model), layout == "spatial_first")
     except OnnxImportError as error:

@@ -14,7 +14,7 @@ Attribute = bool | float | str | np.uint8 | np.int32 | np.uint32 | np.ndarray
 
 @dataclass
 class PlannedTensor:
-    """`role` is one of "input", "output", "native" and "static"; a static one has its `constant`."""
+    """`role` is one of "input", "output", "native", "null" and "static"; a static one has its `constant`."""
 
     name: str
     elem_type: int

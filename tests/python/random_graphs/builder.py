@@ -189,7 +189,7 @@ class Builder:
                     self.output(tensor.name)
         # The application may read what it hands in, and constants.
         for name, tensor in self.graph.tensors.items():
-            if tensor.producer is None and self.chance(0.03):
+            if tensor.producer is None and 0 not in tensor.dims and self.chance(0.03):
                 self.output(name)
         if not self.outputs and self.names:
             self.output(self.names[-1])

@@ -104,7 +104,8 @@ def data_of(tensor: netforge.IrStaticTensor) -> np.ndarray:
 
 
 def random_inputs(graph: netforge.IrGraph, seed: int) -> Values:
-    """By name, so that a reduced graph gets the same ones. Whole numbers are 0, 1 and 2."""
+    """By name, so that a reduced graph gets the same ones. Whole numbers are 0, 1 and 2. A sparse
+    tensor has as many rows that aren't 0 as it specifies."""
     values = {}
     for tensor in graph.graphInputs:
         rng = np.random.default_rng([seed, zlib.crc32(tensor.name.encode())])
@@ -112,6 +113,10 @@ def random_inputs(graph: netforge.IrGraph, seed: int) -> Values:
         limit = 2 if "BOOL" in tensor.dataType.name else 3
         drawn = rng.integers(0, limit, tensor.dims) if whole else rng.standard_normal(tensor.dims)
         values[tensor.name] = np.asarray(drawn, dtype=np.float64)
+        sparse = tensor.getSparseParams()
+        if sparse.layout == 0:
+            rows = values[tensor.name].reshape(-1, tensor.dims[-1])
+            rows[rng.permutation(len(rows))[sparse.numSpecifiedElements :]] = 0.0
     return values
 
 
@@ -181,4 +186,10 @@ def _results(node: Node, values: Values, made_up_types: bool) -> list[np.ndarray
 
 
 # The modules register their kernels.
-from random_graphs import kernels_elementwise, kernels_matrix, kernels_movement, kernels_window  # noqa: E402, F401
+from random_graphs import (  # noqa: E402, F401
+    kernels_elementwise,
+    kernels_matrix,
+    kernels_movement,
+    kernels_sparse,
+    kernels_window,
+)

@@ -154,19 +154,6 @@ def _gru_activations(graph: netforge.IrGraph, values: Values) -> bool:
     )
 
 
-@_exception("ExpandSparseOpStructure", kinds=("value",))
-def _sparse_activation(graph: netforge.IrGraph, values: Values) -> bool:
-    """An activation that makes something of the zeros that are not stored."""
-    return any(
-        _operation(op) in (2, 6, 7)
-        or (
-            _operation(op) == 5
-            and not op.attributes.get("min_value", 0.0) <= 0 <= op.attributes.get("max_value", 0.0)
-        )
-        for op in _ops(graph, "ElementWiseNeuron")
-    )
-
-
 @_exception("SquashBatchnorm", kinds=("value",))
 def _grouped_transposed_conv(graph: netforge.IrGraph, values: Values) -> bool:
     """Weights that all groups share can't take a factor that differs between them."""

@@ -79,6 +79,14 @@ def hard_sigmoid(x: np.ndarray, alpha: float = 0.2, beta: float = 0.5) -> np.nda
 
 @kernel("ElementWiseNeuron", "Neuron")
 def neuron(node: Node, x: np.ndarray) -> np.ndarray:
+    """Of a sparse tensor the rows that aren't specified stay 0."""
+    y = _activated(node, x)
+    if node.op.inputs[0].getSparseParams().layout == 0:
+        y = y * (x != 0).any(axis=-1, keepdims=True)
+    return y
+
+
+def _activated(node: Node, x: np.ndarray) -> np.ndarray:
     operation = int(node.value("operation"))
     alpha, beta = (float(node.value(name, 1.0)) for name in ("alpha", "beta"))
     if operation == 0:

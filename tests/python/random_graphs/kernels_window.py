@@ -71,7 +71,11 @@ def conv(node: Node, x: np.ndarray, weight: np.ndarray, *bias: np.ndarray) -> np
         rows = np.ascontiguousarray(rows).reshape(*rows.shape[: 1 + spatial], -1)
         y = contract(rows[..., None, :], filters.reshape(len(filters), -1))
         parts.append(np.moveaxis(y, -1, 1))
-    return _biased(node, np.concatenate(parts, axis=1), bias)
+    result = _biased(node, np.concatenate(parts, axis=1), bias)
+    reuse = "reuse_sparse_indicies" if node.type == "Conv3d" else "reuse_sparse_indices"
+    if node.has(reuse) and node.value(reuse) and node.channels_last:
+        result = result * (np.moveaxis(x, 1, -1) != 0).any(axis=-1, keepdims=True)
+    return result
 
 
 @kernel("TransposeConv2d", "TransposeConv3d")
