@@ -5,6 +5,7 @@ MODEL ?=
 N ?= 2000
 SEED ?= 1
 OUT ?= build/fuzz
+FUZZ_SECONDS ?= 20
 JOBS ?= $(shell nproc)
 PY := .venv/bin/python
 BUILD := build/release
@@ -12,7 +13,7 @@ CCACHE := $(shell command -v ccache 2>/dev/null)
 CMAKE_COMMON = -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(PY) -DNETFORGE_WERROR=ON \
 	-DCMAKE_CXX_COMPILER_LAUNCHER=$$(command -v ccache)
 
-.PHONY: all setup build install demo test cpp-test python-test fuzz bench asan lint format clean
+.PHONY: all setup build install demo test cpp-test python-test fuzz fuzz-files bench asan lint format clean
 
 all: build
 
@@ -42,8 +43,21 @@ python-test: install
 	@$(PY) -m pytest -q tests/python
 
 # N graphs from the seeds SEED, SEED + 1, ...; what fails is written to OUT, reduced.
-fuzz: install
+fuzz: install fuzz-files
 	@cd tests/python && $(CURDIR)/$(PY) -m random_graphs --count $(N) --seed $(SEED) --out $(CURDIR)/$(OUT)
+
+# The readers of files, FUZZ_SECONDS long. What the fuzzer learns stays in OUT for the next run.
+fuzz-files:
+	@sh tools/setup.sh fuzz
+	@CXX=clang++ cmake -S . -B build/fuzzers $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=None -DNETFORGE_BUILD_FUZZ=ON \
+		>/dev/null
+	@cmake --build build/fuzzers -j $(JOBS)
+	@mkdir -p $(OUT)/metadata
+	@build/fuzzers/tests/fuzz/fuzz_metadata -max_total_time=$(FUZZ_SECONDS) -seed=$(SEED) -verbosity=1 \
+		-print_final_stats=1 -rss_limit_mb=4096 -dict=tests/fuzz/metadata.dict -artifact_prefix=$(OUT)/ \
+		$(OUT)/metadata tests/fuzz/metadata_seeds 2>$(OUT)/metadata.log \
+		|| { tail -n 60 $(OUT)/metadata.log; exit 1; }
+	@grep -E 'number_of_executed_units|^Done' $(OUT)/metadata.log
 
 bench: setup
 	@cmake -S . -B build/bench $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DNETFORGE_BUILD_BENCH=ON \

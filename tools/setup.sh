@@ -4,6 +4,7 @@
 #
 #   tools/setup.sh            what build, test, demo and bench need
 #   tools/setup.sh lint       the linters besides
+#   tools/setup.sh fuzz       the compiler that the fuzzers of file readers need besides
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -12,6 +13,10 @@ python_packages="tools/requirements.txt"
 model_packages="tools/requirements-models.txt"
 if [ "${1:-}" = lint ]; then
   packages="$packages clang-format clang-tidy"
+fi
+
+if [ "${1:-}" = fuzz ]; then
+  packages="$packages clang"
 fi
 
 missing=""

@@ -41,6 +41,7 @@ void bindAttributes(Classes& classes);
 void bindOps(py::module_& module, Classes& classes);
 void bindAxisOrders(py::module_& module, Classes& classes);
 void bindTraceRecords(py::module_& module);
+void bindMetadata(py::module_& module);
 void bindGraph(py::module_& module, Classes& classes);
 void bindGraphEdits(Classes& classes);
 void bindGraphTrace(Classes& classes);

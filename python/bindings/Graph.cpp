@@ -1,4 +1,3 @@
-#include "metadata/CustomIOEntry.h"
 #include "output/ModelDump.h"
 #include "python/bindings/Bindings.h"
 #include "python/bindings/Text.h"
@@ -13,45 +12,6 @@ using OpPtr = IrGraph::OpPtr;
 using TensorPtr = IrGraph::TensorPtr;
 using AxisFormats = std::vector<AxisFormat>;
 using Shapes = std::vector<IrTensorShape>;
-
-void bindCustomIO(py::module_& module) {
-  py::class_<CustomIOQuantParams>(module, "CustomIOQuantParams",
-                                  "Quantisation that the application uses for one of its buffers.")
-      .def(py::init([](double scale, std::int32_t offset) {
-             return CustomIOQuantParams{scale, offset};
-           }),
-           py::arg("scale") = 0.0, py::arg("offset") = 0)
-      .def_readwrite("scale", &CustomIOQuantParams::scale)
-      .def_readwrite("offset", &CustomIOQuantParams::offset);
-  const auto shared = [](const auto& value) {
-    using Value = typename std::decay_t<decltype(value)>::value_type;
-    return value ? std::make_shared<Value>(*value) : nullptr;
-  };
-  using Type = std::optional<std::string>;
-  using Params = std::optional<CustomIOQuantParams>;
-  py::class_<CustomIOEntry>(module, "CustomIOEntry",
-                            "What the application asks for one graph input or output.")
-      .def(py::init([shared](const std::string& tensorName, const Type& dataType, const Params& quantParams,
-                             bool optional) {
-             return CustomIOEntry{tensorName, shared(dataType), shared(quantParams), optional};
-           }),
-           py::arg("tensorName"), py::arg("dataType") = py::none(), py::arg("quantParams") = py::none(),
-           py::arg("optional") = false)
-      .def_readwrite("tensorName", &CustomIOEntry::tensorName)
-      .def_property(
-          "dataType",
-          [](const CustomIOEntry& self) { return self.dataType ? Type(*self.dataType) : std::nullopt; },
-          [shared](CustomIOEntry& self, const Type& value) { self.dataType = shared(value); },
-          "The type's name; None means \"uint8\".")
-      .def_property(
-          "quantParams",
-          [](const CustomIOEntry& self) {
-            return self.quantParams ? Params(*self.quantParams) : std::nullopt;
-          },
-          [shared](CustomIOEntry& self, const Params& value) { self.quantParams = shared(value); },
-          "A copy; None: no quantisation is asked for.")
-      .def_readwrite("optional", &CustomIOEntry::optional, "The application may leave the buffer out.");
-}
 
 void bindNamePolicy(Classes& classes) {
   classes.namePolicy.def(py::init<>())
@@ -171,7 +131,6 @@ void bindLookups(Classes& classes) {
 }  // namespace
 
 void bindGraph(py::module_& module, Classes& classes) {
-  bindCustomIO(module);
   py::class_<BackendInfo, std::shared_ptr<BackendInfo>>(
       module, "BackendInfo", "The backend that a graph is prepared for. Kind 3 is the accelerator.")
       .def(py::init<std::uint8_t>(), py::arg("backendKind"))

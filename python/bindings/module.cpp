@@ -47,6 +47,7 @@ PYBIND11_MODULE(_core, module) {
   bindAxisOrders(module, classes);
   bindOps(module, classes);
   bindTraceRecords(module);
+  bindMetadata(module);
   bindGraph(module, classes);
   bindGraphEdits(classes);
   bindGraphTrace(classes);

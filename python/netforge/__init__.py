@@ -10,6 +10,7 @@ __version__ = "0.1.0"
 # Loaded when they are first used: the onnx package takes its time.
 _LAZY = {
     **dict.fromkeys(("ImportAccount", "OnnxImportError", "from_onnx", "import_account"), "onnx_import"),
+    **dict.fromkeys(("CustomIOError", "custom_io_entries", "read_custom_io", "set_custom_io"), "custom_io"),
     **dict.fromkeys(("OnnxExportError", "save_onnx", "to_onnx"), "onnx_export"),
     **dict.fromkeys(("CheckReport", "Checker", "Verdict", "check", "check_each_pass"), "checking"),
 }

@@ -706,6 +706,93 @@ class CustomIOEntry:
     quantParams: CustomIOQuantParams | None
     optional: bool
 
+class DType(_Enumeration):
+    Unknown: ClassVar[DType]
+    Float32: ClassVar[DType]
+    Float16: ClassVar[DType]
+    Int8: ClassVar[DType]
+    Int16: ClassVar[DType]
+    Int32: ClassVar[DType]
+    Int64: ClassVar[DType]
+    Uint8: ClassVar[DType]
+    Uint16: ClassVar[DType]
+    Uint32: ClassVar[DType]
+    Uint64: ClassVar[DType]
+
+class TransformOp:
+    def __init__(
+        self,
+        opType: str = ...,
+        attributes: dict[str, str] = ...,
+        inputShapes: Sequence[Sequence[int]] = ...,
+        outputShapes: Sequence[Sequence[int]] = ...,
+    ) -> None: ...
+    opType: str
+    attributes: dict[str, str]
+    inputShapes: list[list[int]]
+    outputShapes: list[list[int]]
+
+class TransformEntry:
+    @property
+    def srcTensors(self) -> list[str]: ...
+    @property
+    def destTensors(self) -> list[str]: ...
+    op: TransformOp
+    @property
+    def tensorDtypes(self) -> dict[str, DType]: ...
+
+class TransformGraph:
+    @property
+    def transforms(self) -> list[TransformEntry]: ...
+    @property
+    def inputTensors(self) -> set[str]: ...
+    @property
+    def outputTensors(self) -> set[str]: ...
+    @property
+    def allSrcTensors(self) -> set[str]: ...
+    @property
+    def allDestTensors(self) -> set[str]: ...
+    executionOrder: int
+    concurrencyName: str | None
+    splitNum: int | None
+    arN: int | None
+    def addTransform(
+        self,
+        srcTensors: Sequence[str],
+        destTensors: Sequence[str],
+        op: TransformOp,
+        skipTensorSets: bool = ...,
+        tensorDtypes: dict[str, DType] = ...,
+    ) -> TransformEntry: ...
+    def addTensorDtypes(
+        self, srcTensors: Sequence[str], destTensors: Sequence[str], tensorDtypes: dict[str, DType]
+    ) -> None: ...
+    def hasTransform(self, srcTensors: Sequence[str], destTensors: Sequence[str]) -> bool: ...
+    def getTensorDtype(self, name: str) -> DType: ...
+    def renameTensor(
+        self, oldName: str, newName: str, keepInputNames: bool = ..., keepOutputNames: bool = ...
+    ) -> None: ...
+    def getOrderedTransforms(self) -> list[TransformEntry]: ...
+    @staticmethod
+    def dtypeFromString(text: str) -> DType: ...
+    @staticmethod
+    def dtypeToString(dtype: DType) -> str: ...
+
+class ODLTransformManager:
+    def __init__(self) -> None: ...
+    def loadMetadata(self, path: str) -> None: ...
+    def saveMetadata(self, path: str) -> None: ...
+    def createTransformGraph(
+        self,
+        name: str,
+        executionOrder: int,
+        concurrencyName: str | None = ...,
+        splitNum: int | None = ...,
+        arN: int | None = ...,
+    ) -> TransformGraph: ...
+    def getTransformGraph(self, name: str) -> TransformGraph: ...
+    def getGraphNames(self) -> list[str]: ...
+
 class BackendInfo:
     def __init__(self, backendKind: int) -> None: ...
     def getBackendKind(self) -> int: ...

@@ -10,16 +10,34 @@ from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
+import numpy as np
 import onnx
 
 import netforge
-from netforge.checking.comparison import compare
+from netforge.checking.boundaries import (
+    LinearEncoding,
+    input_dtypes,
+    input_encodings,
+    output_encodings,
+)
+from netforge.checking.comparison import compare, compare_quantised
 from netforge.checking.probes import add_probes
 from netforge.checking.regimes import REGIMES, feeds_of
 from netforge.checking.report import CheckReport, Difference, OutputCheck, Verdict
-from netforge.checking.running import DoubleRun, Session
+from netforge.checking.running import DoubleRun, Feeds, Session
 
 _LARGEST_MESSAGE = (1 << 31) - (64 << 20)
+
+
+@dataclass
+class Runs:
+    """The original's runs by regime: what it was fed with, what another model is fed with in its place, and
+    what came out, in its own precision and in double."""
+
+    feeds: dict[str, Feeds]
+    others: dict[str, Feeds]
+    singles: dict[str, dict[str, np.ndarray]]
+    doubles: dict[str, dict[str, np.ndarray] | None]
 
 
 @dataclass
@@ -107,6 +125,7 @@ class Checker:
             raise ValueError("; ".join(self.notes) or "no regime is asked for")
         if self._double.note:
             self.notes.append(self._double.note)
+        self._on_grids: dict[tuple, Runs] = {}
         self.precision = next(
             (self._ran_in for found in self.doubles.values() if found is not None), "single"
         )
@@ -132,8 +151,43 @@ class Checker:
             return
         self.notes.append(f"the original doesn't run on the regime '{regime}', which is left out: {reason}")
 
+    def runs_for(self, model: onnx.ModelProto) -> Runs:
+        """Runs to compare a model with. Where it takes an input as integers of an encoding in place of the
+        original's numbers, the original is run on the numbers that integers stand for. Raises ValueError for
+        an input of another type without an encoding."""
+        mine, theirs = input_dtypes(self.original.proto), input_dtypes(model)
+        changed = [name for name in mine if name in theirs and mine[name] != theirs[name]]
+        if not changed:
+            return Runs(self.feeds, self.feeds, self.singles, self.doubles)
+        encodings = input_encodings(model)
+        unknown = next((name for name in changed if name not in encodings), None)
+        if unknown is not None:
+            raise ValueError(
+                f"the input '{unknown}' is {theirs[unknown]} and was {mine[unknown]}, and no DequantizeLinear"
+                " says what its integers stand for"
+            )
+        key = tuple((name, encodings[name]) for name in changed)
+        if key not in self._on_grids:
+            self._on_grids[key] = self._run_on_grid({name: encodings[name] for name in changed}, mine)
+        return self._on_grids[key]
+
+    def _run_on_grid(self, encodings: dict[str, LinearEncoding], dtypes: dict[str, np.dtype]) -> Runs:
+        runs = Runs({}, {}, {}, {})
+        for regime, feeds in self.feeds.items():
+            integers = {name: encodings[name].quantise(feeds[name]) for name in encodings if name in feeds}
+            numbers = {
+                name: encodings[name].dequantise(array).astype(dtypes[name])
+                for name, array in integers.items()
+            }
+            runs.feeds[regime], runs.others[regime] = {**feeds, **numbers}, {**feeds, **integers}
+            runs.singles[regime] = self.original.session.run(runs.feeds[regime])
+            runs.doubles[regime] = self._double.run(runs.feeds[regime])
+        return runs
+
     def check(self, after: object) -> CheckReport:
-        """Compares a model with the original. Raises ValueError when its inputs or outputs are others."""
+        """Compares a model with the original. Raises ValueError when its inputs or outputs are others.
+
+        Inputs and outputs may be integers of an encoding where the original has floats: see `runs_for`."""
         begin = time.perf_counter()
         side = _Side.of(after, self._folder)
         pairs = [(name, name, other) for name, other in self._pairs(side)]
@@ -141,21 +195,25 @@ class Checker:
         probes = self.original.probes
         pairs += [(label, probes[label], value) for label, value in side.probes.items() if label in probes]
         report = CheckReport([OutputCheck(label) for label, _, _ in pairs], self.precision, list(self.notes))
-        for regime, feeds in self.feeds.items():
+        encodings = output_encodings(side.proto)
+        runs = self.runs_for(side.proto)
+        for regime, feeds in runs.others.items():
             try:
                 found = side.session.run(feeds)
             except Exception as error:
                 reason = " ".join(str(error).split())[:200]
                 found = None
                 report.notes.append(f"the model doesn't run on the regime '{regime}': {reason}")
+            doubles = runs.doubles[regime]
             for output, (_, name, other) in zip(report.outputs, pairs, strict=True):
-                double = self.doubles[regime]
                 if found is None:
                     output.regimes[regime] = Difference(Verdict.DIFFERENT, note="it doesn't run")
+                    continue
+                before, double = runs.singles[regime][name], None if doubles is None else doubles[name]
+                if other in encodings and before.dtype != found[other].dtype:
+                    output.regimes[regime] = compare_quantised(before, found[other], double, encodings[other])
                 else:
-                    output.regimes[regime] = compare(
-                        self.singles[regime][name], found[other], None if double is None else double[name]
-                    )
+                    output.regimes[regime] = compare(before, found[other], double)
         # An operand in another layout isn't comparable.
         report.outputs[outputs:] = [
             output
@@ -199,6 +257,10 @@ def check(
     they count. The thresholds of the verdicts grow with the noise of the original, its distance from its own
     run in double precision; for that the original's floats become doubles, and the runtime or, where it
     has no such kernels, NumPy runs it, `time_limit` seconds long at most.
+
+    Where the second model has a DequantizeLinear behind an input or a QuantizeLinear in front of an output
+    that the first has as float, the first is run on numbers that integers stand for, and such outputs are
+    compared in integers.
 
     `sizes` gives the original's symbolic dims by symbol, "" standing for all others. Raises ValueError for
     models whose inputs or outputs don't belong together, and what the runtime raises for a model that it

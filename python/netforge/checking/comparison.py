@@ -10,12 +10,16 @@ double precision, or, without one, eps * scale * 8. Against that:
 eps is that of the output's type. NaN and infinities have to stand at the same places, with the same signs.
 Integers and bools have to be equal. In both, elements on which the original disagrees with its own double
 run, such as the place of one of two nearly equal maxima, make a difference suspicious only.
+
+An output that one model gives as integers of an encoding and the original as the numbers that they stand for
+is compared in integers: a number that is as far off as a verdict allows may come to stand for another one.
 """
 
 from __future__ import annotations
 
 import numpy as np
 
+from netforge.checking.boundaries import LinearEncoding
 from netforge.checking.report import Difference, Verdict
 
 ROUNDING_NOISE, ROUNDING_EPS = 8.0, 16.0
@@ -42,6 +46,35 @@ def compare(before: np.ndarray, after: np.ndarray, double: np.ndarray | None) ->
     if before.dtype.kind not in "fV":
         return _compare_exact(before, after, double)
     return _compare_floats(before, after, double)
+
+
+def compare_quantised(
+    before: np.ndarray, after: np.ndarray, double: np.ndarray | None, encoding: LinearEncoding
+) -> Difference:
+    """The original's numbers against another model's integers of this encoding."""
+    if before.shape != after.shape:
+        return compare(before, after, double)
+    known = ~np.isnan(before) if before.dtype.kind == "f" else np.ones(before.shape, bool)
+    numbers, integers = before[known].astype(np.float64), after[known].astype(np.int64)
+    expected = encoding.quantise(numbers).astype(np.int64)
+    off = np.abs(expected - integers) * encoding.scale
+    floats = before.dtype.kind == "f"
+    noise = _noise(before, double) if floats else 0.0
+    if not off.any():
+        return Difference(Verdict.SAME_BITS, noise=noise)
+    size = float(np.abs(numbers[np.isfinite(numbers)]).max(initial=0.0))
+    eps = float(np.finfo(before.dtype).eps) if floats else 0.0
+    figures = float(off.max()), float((off / np.maximum(np.abs(numbers), encoding.scale)).max())
+    allowed = (
+        (Verdict.ROUNDING, ROUNDING_NOISE * noise + ROUNDING_EPS * eps * size),
+        (Verdict.SUSPICIOUS, SUSPICIOUS_NOISE * noise + SUSPICIOUS_SCALE * size * floats),
+    )
+    for verdict, reach in allowed:
+        lowest, highest = (encoding.quantise(numbers + side * reach) for side in (-1, 1))
+        if ((lowest <= integers) & (integers <= highest)).all():
+            return Difference(verdict, *figures, noise)
+    count = f"{np.count_nonzero(off)} of {before.size} elements stand for other numbers"
+    return Difference(Verdict.DIFFERENT, *figures, noise, count)
 
 
 def _compare_exact(before: np.ndarray, after: np.ndarray, double: np.ndarray | None) -> Difference:

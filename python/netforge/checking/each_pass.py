@@ -109,9 +109,13 @@ def first_difference(before: netforge.IrGraph, after: netforge.IrGraph, checker:
         and before.getTensor(tensor.name).dataType == tensor.dataType
         and sorted(before.getTensor(tensor.name).dims) == sorted(tensor.dims)
     ]
-    sides = [Session(to_onnx_with(graph, shared)) for graph in (before, after)]
-    for feeds in checker.feeds.values():
-        old, new = (side.run(feeds) for side in sides)
+    models = [to_onnx_with(graph, shared) for graph in (before, after)]
+    sides = [Session(model) for model in models]
+    runs = [checker.runs_for(model) for model in models]
+    for regime in checker.feeds:
+        # What the later model is fed with, in the form of each.
+        old = sides[0].run(runs[1].others[regime] if runs[0] is runs[1] else runs[1].feeds[regime])
+        new = sides[1].run(runs[1].others[regime])
         for op in after.ops:
             for tensor in op.outputs:
                 if tensor.name in old and _differs(old[tensor.name], new[tensor.name]):

@@ -10,7 +10,9 @@ import onnx
 from onnx import TensorProto, helper
 
 _HIDING = frozenset(("Softmax", "Sigmoid", "HardSigmoid", "Tanh", "ArgMax", "ArgMin"))
-_PASSING = frozenset(("Cast", "Flatten", "Identity", "Reshape", "Squeeze", "Transpose", "Unsqueeze"))
+_PASSING = frozenset(
+    ("Cast", "Flatten", "Identity", "QuantizeLinear", "Reshape", "Squeeze", "Transpose", "Unsqueeze")
+)
 
 
 def add_probes(model: onnx.ModelProto) -> dict[str, str]:

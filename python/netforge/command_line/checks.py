@@ -14,7 +14,7 @@ import netforge
 from netforge.checking import Checker, CheckReport, EachPassReport, check_each_pass
 from netforge.checking.each_pass import optimizing
 from netforge.command_line.capture import captured_output
-from netforge.command_line.models import load_model, settled_inputs
+from netforge.command_line.models import load_model, prepared_model, settled_inputs
 from netforge.onnx_import.specialization import specialize
 
 
@@ -36,7 +36,7 @@ def check_run(
             netforge.IrGraph("pipeline"), list(stages), backend, refiner.GraphRefinerContext()
         ).get_current_execution_pass_names()
         optimize = optimizing(stages, backend, config, _captured)
-        return check_each_pass(lambda: load_model(options), optimize, list(dict.fromkeys(names)), checker)
+        return check_each_pass(lambda: prepared_model(options), optimize, list(dict.fromkeys(names)), checker)
 
 
 def _original(options: argparse.Namespace) -> Checker:

@@ -48,6 +48,14 @@ def add_model_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--quiet", action="store_true", help="print errors only")
 
 
+def prepared_model(options: argparse.Namespace) -> netforge.IrGraph:
+    """The model with what the options say of the application's buffers."""
+    entries = [] if options.custom_io is None else netforge.read_custom_io(options.custom_io)
+    graph = load_model(options)
+    netforge.set_custom_io(graph, entries)
+    return graph
+
+
 def name_and_shape(text: str) -> tuple[str, list[int]]:
     name, _, sizes = text.rpartition("=")
     return name, [int(size) for size in sizes.split(",")]

@@ -15,7 +15,7 @@ import netforge
 from netforge.command_line.account import RunAccount, peak_memory_mib, print_account
 from netforge.command_line.capture import captured_output
 from netforge.command_line.checks import check_run
-from netforge.command_line.models import add_model_arguments, load_model
+from netforge.command_line.models import add_model_arguments, prepared_model
 from netforge.command_line.passes import backend_of
 
 _STAGES = ("PreLayout", "PostLayout", "PreQuant", "PostQuant")
@@ -56,6 +56,18 @@ def add_command(commands: argparse._SubParsersAction) -> None:
     )
     parser.add_argument(
         "--trace", action="store_true", help="check the trace records after each stage, announce each pass"
+    )
+    parser.add_argument(
+        "--custom-io",
+        type=Path,
+        metavar="FILE.yaml",
+        help="the fixed-point forms in which the application writes inputs and reads outputs",
+    )
+    parser.add_argument(
+        "--transform-metadata",
+        type=Path,
+        metavar="FILE.json",
+        help="the file of tensor transforms that is brought up to date with the layouts of the graph",
     )
     parser.add_argument(
         "--output", type=Path, metavar="FILE.onnx", help="write the optimized graph as ONNX model"
@@ -112,7 +124,9 @@ def run(options: argparse.Namespace) -> int:
     stages = stages_of(options.stages)
     backend = backend_of(options.backend_kind)
     begin = time.perf_counter()
-    graph = load_model(options)
+    graph = prepared_model(options)
+    if options.transform_metadata is not None:
+        graph.transformMetadataPath = str(options.transform_metadata.resolve())
     imported = time.perf_counter()
     account = RunAccount.before(graph, options.model)
 

@@ -2,7 +2,8 @@
 
 A tensor of a fixed-point type holds integers q that stand for scale (q - zero point). Its encoding says
 what the smallest of them stands for, or, where that is left at 0, an offset that is the zero point's
-negative.
+negative. ONNX has operators for these conversions, DequantizeLinear and QuantizeLinear, but no zero point
+outside of the integers of the type: such conversions are written as arithmetic.
 """
 
 from __future__ import annotations
@@ -15,6 +16,8 @@ import netforge
 from netforge.onnx_export.element_types import FLOAT, FLOATS, INT8, INT16, INT32, UINT8, UINT16, numpy_type
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.registry import writer
+
+_FIRST_OPSET_OF_16_BITS = 21
 
 
 @dataclass
@@ -42,6 +45,15 @@ def encoding_of(op: OpWriter, tensor: netforge.IrTensor, kind: int) -> Encoding 
     return Encoding(found.scale, -found.offset)
 
 
+def _linear_zero_point(op: OpWriter, encoding: Encoding, kind: int) -> str | None:
+    """The zero point as operand of a DequantizeLinear or QuantizeLinear; None where there is none such."""
+    kinds = (INT8, UINT8, INT16, UINT16) if op.graph.opset >= _FIRST_OPSET_OF_16_BITS else (INT8, UINT8)
+    limits = np.iinfo(numpy_type(kind))
+    if kind not in kinds or not limits.min <= encoding.zero_point <= limits.max:
+        return None
+    return op.constant(int(encoding.zero_point), kind, "zero_point")
+
+
 @writer("Dequantize")
 def dequantize(op: OpWriter) -> None:
     kind = op.kind(op.x)
@@ -66,6 +78,10 @@ def _dequantize_by_attributes(op: OpWriter, kind: int) -> None:
 
 
 def _to_float(op: OpWriter, encoding: Encoding) -> str:
+    zero_point = _linear_zero_point(op, encoding, op.kind(op.x))
+    if zero_point is not None:
+        scale = op.constant(encoding.scale, FLOAT, "scale")
+        return op.node("DequantizeLinear", [op.x, scale, zero_point], kind=FLOAT)
     value = op.cast(op.x, FLOAT)
     if encoding.zero_point:
         value = op.node("Sub", [value, op.like(value, encoding.zero_point, "zero_point")])
@@ -83,15 +99,12 @@ def convert(op: OpWriter) -> None:
         op.result(value)
         return
     value = op.cast(value, FLOAT)
-    limits = np.iinfo(numpy_type(out_kind))
-    if out_kind in (INT8, UINT8, INT16, UINT16) and limits.min <= after.zero_point <= limits.max:
-        zero_point = op.constant(int(after.zero_point), out_kind, "zero_point")
-        op.result(
-            op.node(
-                "QuantizeLinear", [value, op.like(value, after.scale, "scale"), zero_point], kind=out_kind
-            )
-        )
+    zero_point = _linear_zero_point(op, after, out_kind)
+    if zero_point is not None:
+        names = [value, op.like(value, after.scale, "scale"), zero_point]
+        op.result(op.node("QuantizeLinear", names, kind=out_kind))
         return
+    limits = np.iinfo(numpy_type(out_kind))
     value = op.node("Round", [op.node("Div", [value, op.like(value, after.scale, "scale")])])
     value = op.node("Add", [value, op.like(value, after.zero_point, "zero_point")])
     # The largest float below the bound: a bound itself may round up and over.
