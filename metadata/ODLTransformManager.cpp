@@ -6,10 +6,13 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/prettywriter.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "ir/Failure.h"
 #include "metadata/JsonWalk.h"
