@@ -18,10 +18,11 @@ namespace netforge::graphrefiner {
 ///
 /// Of the two tensors the one survives that `IrGraph::squash` keeps. Concat and select match and stay.
 ///
-/// Refuses: constants of other than the expected width, or that can be updated after compilation; a product whose operands differ in dims or whose
-/// result has two readers; a Reshape that gives an Lstm its initial state; a Reshape that copies a constant
-/// to a graph output. An op that lies between two tensors which both must stay is reported on standard
-/// output. A division by ones that broadcast its operand goes like any other.
+/// Refuses: constants of other than the expected width, or that can be updated after compilation; a product
+/// whose operands differ in dims or whose result has two readers; a Reshape that gives an Lstm its initial
+/// state; a Reshape that copies a constant to a graph output. An op that lies between two tensors which both
+/// must stay is reported on standard output. A division by ones that broadcast its operand goes like any
+/// other.
 class removeIdentity : public MatchAndRewriteRule {
  public:
   removeIdentity();
