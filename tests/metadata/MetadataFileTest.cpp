@@ -205,7 +205,7 @@ TEST(MetadataFile, ReplacesAFileWithItsLinksAndRights) {
   EXPECT_NE(folder.read().find("\"version\": \"1.0.0\""), std::string::npos);
   EXPECT_TRUE(std::filesystem::is_symlink(link));
   EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder.path()).permissions()), 0640U);
-  EXPECT_EQ(folder.fileNames(), (std::set<std::string>{"link.json", "transforms.json"}));
+  EXPECT_EQ(folder.dumps(), (std::set<std::string>{"link.json", "transforms.json"}));
 }
 
 TEST(MetadataFile, ManagesGraphsByName) {

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -9,10 +8,13 @@
 
 #include "ir/IrGraph.h"
 #include "output/ModelDump.h"
+#include "tests/support/Failures.h"
+#include "tests/support/OwnDirectory.h"
 
 namespace netforge {
 namespace {
 
+using netforge::testing::messageOf;
 namespace fs = std::filesystem;
 using Dims = std::vector<std::uint32_t>;
 
@@ -40,25 +42,8 @@ struct CommaDecimals : std::numpunct<char> {
 };
 
 /// Runs in a directory of its own, since a model dump leaves files in the current one.
-class JsonDump : public testing::Test {
+class JsonDump : public ::testing::Test {
  protected:
-  void SetUp() override {
-    home = fs::current_path();
-    room = fs::temp_directory_path() / ("json_dump_" + std::to_string(getpid()));
-    fs::create_directories(room);
-    fs::current_path(room);
-    graph = std::make_shared<IrGraph>("g");
-  }
-  void TearDown() override {
-    fs::current_path(home);
-    fs::remove_all(room);
-  }
-
-  static std::string read(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
-
   void addOp(const std::string& name, const std::string& type,
              const std::shared_ptr<IrAttributes>& attributes, const std::vector<std::string>& inputs,
              const std::string& output, const IrTensorShape& shape) {
@@ -91,8 +76,8 @@ class JsonDump : public testing::Test {
     addOp("a/sub", "Sub", nullptr, {"q", "c\"β\"\n", "q"}, "a", IrTensorShape({4, 2}, {0, 1}));
   }
 
-  fs::path home, room;
-  std::shared_ptr<IrGraph> graph;
+  const netforge::testing::OwnDirectory directory;
+  std::shared_ptr<IrGraph> graph = std::make_shared<IrGraph>("g");
 };
 
 TEST_F(JsonDump, ModelFormOfASmallGraph) {
@@ -116,10 +101,10 @@ TEST_F(JsonDump, ModelFormOfASmallGraph) {
     "definition": 2147483647, "encoding": 2147483647, "is_overridden": false,
     "scale_offset": {"bitwidth": 0, "minimum": 0.0, "maximum": 0.0, "scale": 0.0, "offset": 0,
                      "is_symmetric": false, "is_fixed_point": true}})";
-  EXPECT_EQ(squeezed(read("model")), squeezed(expand(expected, {{"QUANT", quantParams}})));
+  EXPECT_EQ(squeezed(directory.read("model")), squeezed(expand(expected, {{"QUANT", quantParams}})));
   for (const char* companion : {"temp.cpp", "temp.bin"}) {
     EXPECT_TRUE(fs::exists(companion)) << companion;
-    EXPECT_EQ(read(companion), "") << companion;
+    EXPECT_EQ(directory.read(companion), "") << companion;
   }
 }
 
@@ -137,7 +122,7 @@ TEST_F(JsonDump, GraphFormOfASmallGraph) {
     return "\"" + name + "\": {\"layout\": \"" + layout + "\", \"shape\": {\"dims\": [" + dims +
            "], \"dynamic_axes\": [" + dynamic + "]}, \"dtype\": \"" + type + "\"}";
   };
-  EXPECT_EQ(squeezed(read("form.json")),
+  EXPECT_EQ(squeezed(directory.read("form.json")),
             squeezed(expand(expected, {{"X", tensor("x", "NCF", "1,2,30000", "", "float32")},
                                        {"Y", tensor("y", "NFC", "1,30000,2", "", "float32")},
                                        {"Q", tensor("q", "NFC", "1,30000,2", "", "quint8")},
@@ -153,15 +138,15 @@ TEST_F(JsonDump, SameBytesAgainAndUnderAnyLocale) {
   dumpModelJson(graph, "second");
   graph->dumpJson("second.json");
   std::locale::global(before);
-  EXPECT_EQ(read("first"), read("second"));
-  EXPECT_EQ(read("first.json"), read("second.json"));
+  EXPECT_EQ(directory.read("first"), directory.read("second"));
+  EXPECT_EQ(directory.read("first.json"), directory.read("second.json"));
   EXPECT_FALSE(fs::exists("first.json.json"));
 }
 
 TEST_F(JsonDump, EmptyGraphAndOddOps) {
   dumpModelJson(graph, "empty");
   graph->dumpJson("empty.json");
-  EXPECT_EQ(read("empty"), R"({
+  EXPECT_EQ(directory.read("empty"), R"({
     "model.cpp": "temp.cpp",
     "model.bin": "temp.bin",
     "graph": {
@@ -169,7 +154,7 @@ TEST_F(JsonDump, EmptyGraphAndOddOps) {
         "nodes": {}
     }
 })");
-  EXPECT_EQ(read("empty.json"), "{}");
+  EXPECT_EQ(directory.read("empty.json"), "{}");
 
   // Types that the description has no number for appear as they are; no Transpose needs a "perm".
   addInput("x", TensorType::OptionalInput);
@@ -177,7 +162,7 @@ TEST_F(JsonDump, EmptyGraphAndOddOps) {
   addOp("tr", "Transpose", nullptr, {"x"}, "y", IrTensorShape());
   dumpModelJson(graph, "odd");
   graph->dumpJson("odd.json");
-  const std::string model = read("odd"), form = read("odd.json");
+  const std::string model = directory.read("odd"), form = directory.read("odd.json");
   EXPECT_NE(model.find("\"type\": 11,\n                \"data_type\": 2147483647,"), std::string::npos)
       << model;
   EXPECT_NE(model.find("\"dims\": []"), std::string::npos) << model;
@@ -194,24 +179,16 @@ TEST_F(JsonDump, EmptyGraphAndOddOps) {
 }
 
 TEST_F(JsonDump, FilesThatCannotBeWritten) {
-  const auto textOf = [](const auto& call) -> std::string {
-    try {
-      call();
-    } catch (const std::runtime_error& failure) {
-      return failure.what();
-    }
-    return "nothing thrown";
-  };
-  EXPECT_EQ(textOf([this] { graph->dumpJson("absent/x"); }),
+  EXPECT_EQ(messageOf([this] { graph->dumpJson("absent/x"); }),
             "netforge::IrGraph::dumpJson: IrGraph::dumpJson: Failed to open file for writing: absent/x.json");
-  EXPECT_EQ(textOf([this] { dumpModelJson(graph, "absent/x"); }),
+  EXPECT_EQ(messageOf([this] { dumpModelJson(graph, "absent/x"); }),
             "netforge::dumpModelJson: Failed to open file for writing: absent/x");
   fs::remove("temp.cpp");
   fs::create_directory("temp.cpp");  // a companion that can't be created doesn't stop the dump
   dumpModelJson(graph, "x");
-  EXPECT_NE(read("x"), "");
+  EXPECT_NE(directory.read("x"), "");
   if (fs::exists("/dev/full")) {
-    EXPECT_EQ(textOf([this] { dumpModelJson(graph, "/dev/full"); }),
+    EXPECT_EQ(messageOf([this] { dumpModelJson(graph, "/dev/full"); }),
               "netforge::dumpModelJson: Failed to write file: /dev/full");
   }
 }

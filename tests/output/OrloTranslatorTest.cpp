@@ -49,7 +49,6 @@ TEST(OrloOpTypes, TypesAndParameters) {
       {"Gelu(x)", "ElementWiseNeuron operation=u32 1"},
       {"Eltwise_Ternary(x, x, x) eltwise_type=ElementWiseSelect", "ElementWiseSelect "},
       {"Arg(x) arg_type=Argmax", "Argmax arg_type=str Argmax"},
-      {"Pool3d(x) pool_type=PoolAvg3d", "PoolAvg3d pool_type=str PoolAvg3d"},
       {"Reduce(x) reduce_type=ReduceMean", "ReduceMean "},
       {"Custom(x) count=-3 half=0.5 on=true", "Custom count=i32 4294967293, half=f32 0.5, on=bool 1"},
       {"Resize(x) k=1", "Resize k=u32 1", "[3,5,7]"},

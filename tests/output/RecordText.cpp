@@ -42,64 +42,60 @@ std::string scalarText(const Orlo_Scalar_t& scalar) {
 }  // namespace
 
 std::string quantText(const Orlo_QuantizeParams_t& params, std::uint32_t rank, std::uint32_t entries) {
-  std::string text = concatText(params.encodingDefinition, " kind ", params.quantizationEncoding, ":");
+  const auto more = [&](const auto&... parts) {
+    return concatText(params.encodingDefinition, " kind ", params.quantizationEncoding, ":", parts...);
+  };
   switch (params.quantizationEncoding) {
     case 0:
-      return text + pairsText(&params.scaleOffset, 1);
+      return more(pairsText(&params.scaleOffset, 1));
     case 1:
-      return text + concatText(" axis ", params.axisScaleOffset.axis) +
-             pairsText(params.axisScaleOffset.scaleOffsets, params.axisScaleOffset.count);
+      return more(" axis ", params.axisScaleOffset.axis,
+                  pairsText(params.axisScaleOffset.scaleOffsets, params.axisScaleOffset.count));
     case 2:
-      return text + concatText(" bits ", params.bwScaleOffset.bitwidth, " ", params.bwScaleOffset.scale, "/",
-                               params.bwScaleOffset.offset);
+      return more(" bits ", params.bwScaleOffset.bitwidth, " ", params.bwScaleOffset.scale, "/",
+                  params.bwScaleOffset.offset);
     case 3: {
       const auto& group = params.bwAxisScaleOffset;
-      return text + concatText(" bits ", group.bitwidth, " axis ", group.axis, " ",
-                               listText(group.scales, group.count), listText(group.offsets, group.count));
+      return more(" bits ", group.bitwidth, " axis ", group.axis, " ", listText(group.scales, group.count),
+                  listText(group.offsets, group.count));
     }
     case 4:
-      return text + " " + listText(params.block.blockSizes, rank) +
-             pairsText(params.block.scaleOffsets, entries);
+      return more(" ", listText(params.block.blockSizes, rank),
+                  pairsText(params.block.scaleOffsets, entries));
     case 5:
-      text += concatText(" axis ", params.sbq->axis, " blocks ", params.sbq->sbqBlocksPerAxis, " bits ",
-                         params.sbq->sbqBlockScaleBitwidth, " storage ", params.sbq->scaleStorage);
-      text += bytesText(params.sbq->blockScales, entries * (params.sbq->scaleStorage + 1));
-      return text + pairsText(params.sbq->scaleOffsets, entries);
+      return more(" axis ", params.sbq->axis, " blocks ", params.sbq->sbqBlocksPerAxis, " bits ",
+                  params.sbq->sbqBlockScaleBitwidth, " storage ", params.sbq->scaleStorage,
+                  bytesText(params.sbq->blockScales, entries * (params.sbq->scaleStorage + 1)),
+                  pairsText(params.sbq->scaleOffsets, entries));
     case 6: {
       const auto& lane = *params.lane;
-      return text + concatText(" bits ", lane.bitwidth, " axis ", lane.axis, " ",
-                               listText(lane.slots, lane.count),
-                               lane.reserved == nullptr ? " null " : " set ", lane.laneCount, " ",
-                               lane.laneStride, " ", lane.flag2, " ", lane.flag3, " ", lane.flag4);
+      return more(" bits ", lane.bitwidth, " axis ", lane.axis, " ", listText(lane.slots, lane.count),
+                  lane.reserved == nullptr ? " null " : " set ", lane.laneCount, " ", lane.laneStride, " ",
+                  lane.flag2, " ", lane.flag3, " ", lane.flag4);
     }
     case 8: {
       const auto& group = *params.bwAxisMapped;
-      return text + concatText(" bits ", group.bitwidth, " axis ", group.axis, " mapped ", group.mappedWidth,
-                               " ", listText(group.scales, group.count),
-                               listText(group.offsets, group.count));
+      return more(" bits ", group.bitwidth, " axis ", group.axis, " mapped ", group.mappedWidth, " ",
+                  listText(group.scales, group.count), listText(group.offsets, group.count));
     }
     case 11:
-      return text + concatText(" bits ", params.blockMapped.bitwidth, " ") +
-             listText(params.blockMapped.blockSizes, rank) +
-             pairsText(params.blockMapped.scaleOffsets, entries);
+      return more(" bits ", params.blockMapped.bitwidth, " ", listText(params.blockMapped.blockSizes, rank),
+                  pairsText(params.blockMapped.scaleOffsets, entries));
     case 12: {
       const auto& table = *params.table;
-      return text +
-             concatText(" ", table.tableKind, " ", table.tableCount, " ", listText(table.tableDims, entries),
-                        " ", table.value0, " ", table.value1) +
-             (table.table == nullptr ? " null" : bytesText(table.table, 4 * entries));
+      return more(" ", table.tableKind, " ", table.tableCount, " ", listText(table.tableDims, entries), " ",
+                  table.value0, " ", table.value1, bytesText(table.table, 4 * entries));
     }
-    case 13:
-      text += concatText(" of ", params.arrayOf->arrayElementKind, " by ",
-                         params.arrayOf->indexTensor == nullptr ? "none" : params.arrayOf->indexTensor->name);
+    case 13: {
+      std::string text =
+          more(" of ", params.arrayOf->arrayElementKind, " by ", params.arrayOf->indexTensor->name);
       for (std::uint32_t i = 0; i < params.arrayOf->count; ++i) {
         text += " {" + quantText(*params.arrayOf->elements[i], rank, entries) + "}";
       }
       return text;
-    case 0x7FFFFFFF:
-      return params.encodingDefinition == 0x7FFFFFFF ? "" : text;
+    }
     default:
-      return text;
+      return params.encodingDefinition == 0x7FFFFFFF ? "" : more();
   }
 }
 

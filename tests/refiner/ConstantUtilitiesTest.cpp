@@ -106,25 +106,10 @@ TEST(Constants, PermutationsAndAxes) {
   EXPECT_EQ(getAxes(op), (std::vector<std::uint32_t>{3, 1}));
   setAxes(op, {0xFFFFFFFF, 0});
   EXPECT_EQ(readAxes(op, 4), (std::vector<std::uint32_t>{3, 0}));
-}
-
-TEST(Constants, AxisAttributesOfEitherType) {
-  const auto op = [](const std::string& type, auto value) {
-    auto made = std::make_shared<ops::IrOp>("op", type, nullptr);
-    made->getAttributes()->add("axis", value, ATTR_ORDINARY);
-    return made;
-  };
-  EXPECT_EQ(readAxis(op("Gather", std::int32_t(-1)), "axis", 4), 3u);
-  EXPECT_EQ(readAxis(op("Concat", 0xFFFFFFFEu), "axis", 5), 3u);
-  EXPECT_THROW(readAxis(op("Concat", 1.0f), "axis", 4), std::runtime_error);
-  EXPECT_THROW(readAxis(op("Concat", 1u), "axes", 4), std::runtime_error);
-
-  auto gather = op("Gather", std::int32_t(-1));
-  writeAxis(gather, 3);
-  EXPECT_EQ(gather->getAttributes()->getAttr<std::int32_t>("axis"), 3);
-  auto concat = op("Concat", std::int32_t(-1));
-  writeAxis(concat, 3);
-  EXPECT_EQ(concat->getAttributes()->getAttr<std::uint32_t>("axis"), 3u);
+  op->getAttributes()->add("axis", std::int32_t(-1), ATTR_ORDINARY);
+  EXPECT_EQ(readAxis(op, "axis", 4), 3u);
+  op->getAttributes()->add("axis", 1.0f, ATTR_ORDINARY);
+  EXPECT_THROW(readAxis(op, "axis", 4), std::runtime_error);
 }
 
 TEST(Permutations, MakersAndInverse) {

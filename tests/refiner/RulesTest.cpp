@@ -2,7 +2,6 @@
 #include "GraphRefiner/src/Rules.h"
 
 #include <algorithm>
-#include "GraphRefiner/src/passes/expansion/MultiTimeSteps.h"
 #include "RefinerTestSupport.h"
 
 namespace netforge::graphrefiner::testing {
@@ -164,28 +163,6 @@ TEST(Isolation, OpsInsideTheMatchMustNotBeReadOutside) {
   }
 }
 
-TEST(Isolation, FailedAlternativesTakeNoPart) {
-  // The first attempt binds `other` to p, which has a reader outside; the second one, which fits, does not
-  // touch it.
-  auto graph = std::make_shared<IrGraph>("g");
-  addInput(graph, "x", {2, 3});
-  addPlainOp(graph, "p", "Relu", {"x"});
-  addPlainOp(graph, "outside", "Cast", {"p"});
-  addPlainOp(graph, "t", "Tanh", {"p"});
-  addPlainOp(graph, "a", "Add", {"p", "t"});
-  const auto other = makeOpType("Relu");
-  const auto root =
-      makeAlt(makeOp("Add", makeWildCard(), makeOpType("Tanh")), makeOp("Add", other, makeOpType("Gather")));
-  bool otherBound = true;
-  ScriptedRule rule(root, [&](GraphPtr&, MatchedOps& bound) {
-    otherBound = bound.count(other) != 0;
-    return false;
-  });
-  rule.apply(graph, 0);
-  EXPECT_EQ(rule.visited, Names{"a"});
-  EXPECT_FALSE(otherBound);
-}
-
 TEST(CleanUp, RemovesWhatTheRewriteLeftDead) {
   const struct {
     const char* label;
@@ -239,45 +216,11 @@ TEST(CleanUp, AnOutputThatMovedToAnotherProducerStays) {
   expectSound(graph);
 }
 
-TEST(RemoveDeadOp, FollowsDeadProducersOnly) {
-  auto graph = std::make_shared<IrGraph>("g");
-  addInput(graph, "x", {2, 3});
-  addPlainOp(graph, "dead", "Relu", {"x"});
-  auto split = std::make_shared<ops::IrOp>("split", "Split", nullptr);
-  graph->addOp(split, {"x"}, {"half0", "half1"}, {IrTensorShape({2, 1}), IrTensorShape({2, 2})}, {}, -1,
-               false);
-  addPlainOp(graph, "reader", "Cast", {"half1"});
-  addPlainOp(graph, "top", "Add", {"dead", "dead", "half0"});  // one tensor at two inputs
-  removeDeadOp(graph, graph->getOps().back());
-  EXPECT_EQ(opNames(graph), (Names{"split", "reader"})) << "the other half of the split is read";
-  EXPECT_FALSE(graph->hasTensor("dead"));
-  EXPECT_FALSE(graph->hasTensor("top"));
-  EXPECT_TRUE(graph->hasTensor("half0"));
-  expectSound(graph);
-}
-
 TEST(RemoveDeadOp, ALongDeadChainNeedsNoDeepStack) {
   GraphPtr graph = makeChain(std::vector<std::string>(20000, "Relu"));
   removeDeadOp(graph, graph->getOps().back());
   EXPECT_EQ(graph->numOps(), 0u);
   EXPECT_EQ(graph->numTensors(), 1u);
-}
-
-TEST(MultiTimeSteps, MatchNothingAndSayWhy) {
-  GraphPtr graph = makeChain({"Gru", "Lstm"});
-  CapturedOutput output;
-  EXPECT_FALSE(createPass(PassId::MultiTimeStepsGRU)->run(graph));
-  EXPECT_FALSE(createPass(PassId::MultiTimeStepsLSTM)->run(graph));
-  EXPECT_EQ(output.text(), "");
-  MatchedOps none;
-  EXPECT_FALSE(CreateMultiTimeStepsGRU().rewriteCallback(graph, none));
-  EXPECT_FALSE(CreateMultiTimeStepsLSTM().rewriteCallback(graph, none));
-  EXPECT_EQ(
-      output.text(),
-      "netforge::graphrefiner::CreateMultiTimeStepsGRU::rewriteCallback: MULTI_TIME_STEPS_GRU Pass is "
-      "implemented at Translation Level\n"
-      "netforge::graphrefiner::CreateMultiTimeStepsLSTM::rewriteCallback: MULTI_TIME_STEPS_LSTM Pass is "
-      "implemented at Translation Level\n");
 }
 
 }  // namespace

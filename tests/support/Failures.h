@@ -23,4 +23,15 @@ std::string failureOf(Action&& action) {
   return "";
 }
 
+/// The text of the exception, or "nothing thrown", for tables that hold both.
+template <class Action>
+std::string messageOf(Action&& action) {
+  try {
+    action();
+  } catch (const std::exception& failure) {
+    return failure.what();
+  }
+  return "nothing thrown";
+}
+
 }  // namespace netforge::testing

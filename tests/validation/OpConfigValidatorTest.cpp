@@ -140,7 +140,6 @@ TEST(GraphOpConfig, EveryEditChecksWhenAsked) {
     EXPECT_FALSE(graph->hasOp(name));
     return text;
   };
-  failing("bad1", [&] { graph->addOp(copy("bad1"), {"x"}, {"p1"}, formats, -1, true); });
   failing("bad2", [&] { graph->inject(copy("bad2"), "b", "p2", {}, AxisFormat::NF, true); });
   failing("bad3", [&] { graph->injectAtIndex(copy("bad3"), "b", "p3", 9, {}, AxisFormat::NF, true); });
   const std::string first = failing("bad4", [&] { graph->addOp(attached("bad4"), 0, true); });
