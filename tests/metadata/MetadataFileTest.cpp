@@ -12,7 +12,6 @@ namespace {
 using graphrefiner::DType;
 using graphrefiner::ODLTransformManager;
 using graphrefiner::TransformGraph;
-using Names = std::vector<std::string>;
 
 const std::string kLoad = "netforge::graphrefiner::ODLTransformManager::loadMetadata: ";
 const std::string kSave = "netforge::graphrefiner::ODLTransformManager::saveMetadata: ";
@@ -206,24 +205,6 @@ TEST(MetadataFile, ReplacesAFileWithItsLinksAndRights) {
   EXPECT_TRUE(std::filesystem::is_symlink(link));
   EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder.path()).permissions()), 0640U);
   EXPECT_EQ(folder.dumps(), (std::set<std::string>{"link.json", "transforms.json"}));
-}
-
-TEST(MetadataFile, ManagesGraphsByName) {
-  MetadataFolder folder;
-  ODLTransformManager manager;
-  manager.createTransformGraph("b", 1, std::nullopt, std::nullopt, std::nullopt);
-  manager.createTransformGraph("a", 2, std::nullopt, std::nullopt, std::nullopt);
-  EXPECT_EQ(manager.getGraphNames(), (Names{"a", "b"}));
-  EXPECT_EQ(
-      failureOf<std::runtime_error>(
-          [&] { manager.createTransformGraph("a", 2, std::nullopt, std::nullopt, std::nullopt); }),
-      "netforge::graphrefiner::ODLTransformManager::createTransformGraph: Transform_graph a already exists!");
-  EXPECT_EQ(
-      failureOf<std::runtime_error>([&] { manager.getTransformGraph("c"); }),
-      "netforge::graphrefiner::ODLTransformManager::getTransformGraph: Transform graph c doesn't exist");
-  folder.write(R"({"graphs": {"c": {"execution_order": 0}, "a": {"execution_order": 0}}})");
-  EXPECT_THROW(manager.loadMetadata(folder.path()), std::runtime_error);
-  EXPECT_EQ(manager.getGraphNames(), (Names{"a", "b", "c"}));  // the graphs in front of it are entered
 }
 
 }  // namespace

@@ -19,19 +19,6 @@ class GraphRefinerTest : public ::testing::Test {
   GraphRefinerContext context;
 };
 
-TEST_F(GraphRefinerTest, ConstructionChecksGraphAndPassNames) {
-  EXPECT_THROW(GraphRefiner(nullptr, Stages{}, nullptr, context), std::invalid_argument);
-  context.optimizer_config = {{"anything", {"NoSuchPass"}}};
-  EXPECT_NO_THROW(GraphRefiner(graph, Stages{}, nullptr, context));
-  for (const char* key : {"enabledPasses", "disabledPasses"}) {
-    context.optimizer_config = {{key, {"MatchTopK", "NoSuchPass"}}};
-    EXPECT_EQ(
-        failureOf<std::runtime_error>([&] { GraphRefiner(graph, Stages{}, nullptr, context); }),
-        "netforge::graphrefiner::getPassIdFromPassName:  Invalid pass, No pass registered with the name: "
-        "NoSuchPass");
-  }
-}
-
 TEST_F(GraphRefinerTest, ThePassSelectionOfTheContextReachesTheManager) {
   const auto off = registry.add(PassId::FoldConcats, [](GraphPtr&) { return false; });
   const auto wanted = registry.add(PassId::OptimizeNegation, [](GraphPtr&) { return false; });

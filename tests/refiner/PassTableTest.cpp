@@ -49,10 +49,6 @@ TEST(PassTable, EveryPassIsRegisteredAfterLoad) {
   for (const auto& [passId, pass] : table) {
     EXPECT_EQ(pass->runMode, getPassRunMode(passId)) << getPassNameFromPassId(passId);
   }
-  for (const auto stage :
-       {OptimizationStage::PreLayout, OptimizationStage::PreQuant, OptimizationStage::PostQuant}) {
-    EXPECT_TRUE(getPassRegistry().table(stage).empty());
-  }
 }
 
 TEST(PassTable, RegisterPassSetsTheFieldsAndRefusesDuplicates) {
@@ -74,9 +70,7 @@ TEST(PassTable, RegisterPassSetsTheFieldsAndRefusesDuplicates) {
 }
 
 TEST(PassTable, DumpPassConfigGoesByBackendKind) {
-  const auto config = getDumpPassConfig(nullptr);
-  EXPECT_EQ(config.size(), 61u);
-  EXPECT_TRUE(std::all_of(config.begin(), config.end(), [](const auto& entry) { return entry.second; }));
+  EXPECT_EQ(getDumpPassConfig(nullptr).size(), 61u);
   EXPECT_TRUE(getDumpPassConfig(std::make_shared<BackendInfo>(std::uint8_t(7))).empty())
       << "a real backend of kind 7 is no absent backend";
 

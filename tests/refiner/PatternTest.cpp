@@ -104,15 +104,6 @@ TEST_F(PatternTest, ATreeDiesWithItsLastUser) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(PatternTest, ANodeKeepsItsFirstOp) {
-  const OpPtr both = addPlainOp(graph, "both", "Sub", {"a", "m"});
-  const auto any = makeWildCard();
-  const auto node = makeAlt(makeOpType("Add"), makeOpType("Mul"));
-  const auto root = makeOp("Sub", node, node);
-  ASSERT_TRUE(root->match(both));
-  EXPECT_EQ(root->getMatchedOps().at(node), add);
-}
-
 TEST_F(PatternTest, TheWayThatMatchedIsKeptApartFromFailedAlternatives) {
   // The swapped order binds `other` to a and then fails at input 1; the straight one finds it at no op.
   const OpPtr sub = addPlainOp(graph, "s", "Sub", {"r", "m"});
