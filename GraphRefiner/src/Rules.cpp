@@ -1,14 +1,11 @@
 #include "GraphRefiner/src/Rules.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 
