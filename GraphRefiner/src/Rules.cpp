@@ -164,6 +164,10 @@ std::vector<OpPtr> snapshotOps(const GraphPtr& graph) {
   return graph->getOps();
 }
 
+std::vector<OpPtr> snapshotOps(const GraphPtr& graph, const std::set<std::string>& types) {
+  return graph->opsOfTypes(types);
+}
+
 const std::string& opTypeOf(const OpPtr& op) {
   return op->getType();
 }
