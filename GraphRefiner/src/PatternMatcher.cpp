@@ -1,5 +1,6 @@
 // The matcher: Pattern::match and what it needs.
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/Pattern.h"
 #include "GraphRefiner/src/RawData.h"
 #include "ir/AxisOrder.h"
@@ -7,8 +8,6 @@
 #include "ir/IrTensor.h"
 
 namespace netforge::graphrefiner {
-
-using OpPtr = std::shared_ptr<ops::IrOp>;
 
 namespace {
 

@@ -1,16 +1,13 @@
 // Rewrite utilities that test and move the links between tensors and ops.
 #include <algorithm>
 #include <stdexcept>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "GraphRefiner/src/Rules.h"
 #include "ir/Failure.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 bool isGraphOutput(const TensorPtr& tensor) {
   switch (tensor->getTensorType()) {

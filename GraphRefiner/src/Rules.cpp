@@ -1,14 +1,11 @@
 #include "GraphRefiner/src/Rules.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 
@@ -165,6 +162,10 @@ bool graphHoldsOp(const GraphPtr& graph, const OpPtr& op) {
 
 std::vector<OpPtr> snapshotOps(const GraphPtr& graph) {
   return graph->getOps();
+}
+
+std::vector<OpPtr> snapshotOps(const GraphPtr& graph, const std::set<std::string>& types) {
+  return graph->opsOfTypes(types);
 }
 
 const std::string& opTypeOf(const OpPtr& op) {

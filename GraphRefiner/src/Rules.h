@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -72,6 +74,9 @@ std::shared_ptr<Pass> makeSequencePass() {
 bool graphHoldsOp(const std::shared_ptr<IrGraph>& graph, const std::shared_ptr<ops::IrOp>& op);
 /// The ops in execution order, a copy.
 std::vector<std::shared_ptr<ops::IrOp>> snapshotOps(const std::shared_ptr<IrGraph>& graph);
+/// The same of the ops of some types. Costs next to nothing when there are none.
+std::vector<std::shared_ptr<ops::IrOp>> snapshotOps(const std::shared_ptr<IrGraph>& graph,
+                                                    const std::set<std::string>& types);
 const std::string& opTypeOf(const std::shared_ptr<ops::IrOp>& op);
 
 /// A pass that visits the ops from the first to the last and dispatches on the type. The concrete pass
@@ -85,7 +90,8 @@ class OpTransformPass : public Pass {
   using Handler = bool (Derived::*)(std::shared_ptr<ops::IrOp>& op, std::shared_ptr<IrGraph>& graph);
   bool run(std::shared_ptr<IrGraph>& graph) override {
     bool changed = false;
-    std::vector<std::shared_ptr<ops::IrOp>> ops = snapshotOps(graph);
+    std::vector<std::shared_ptr<ops::IrOp>> ops =
+        handlesEveryType() ? snapshotOps(graph) : snapshotOps(graph, handledTypes());
     for (std::shared_ptr<ops::IrOp>& entry : ops) {
       std::shared_ptr<ops::IrOp> op = std::move(entry);  // let go at once when a handler removes it
       if (!graphHoldsOp(graph, op)) continue;
@@ -104,6 +110,22 @@ class OpTransformPass : public Pass {
 
  protected:
   std::unordered_map<std::string, Handler> handlers;
+
+ private:
+  // Whether the concrete pass has a default handler of its own; otherwise ops of other types needn't be
+  // visited.
+  static constexpr bool handlesEveryType() {
+    if constexpr (requires { &Derived::defaultHandler; }) {
+      return !std::is_same_v<decltype(&Derived::defaultHandler), decltype(&OpTransformPass::defaultHandler)>;
+    }
+    return true;
+  }
+
+  std::set<std::string> handledTypes() const {
+    std::set<std::string> types;
+    for (const auto& entry : handlers) types.insert(entry.first);
+    return types;
+  }
 };
 
 }  // namespace netforge::graphrefiner

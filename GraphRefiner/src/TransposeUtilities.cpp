@@ -3,16 +3,13 @@
 #include <iostream>
 #include <set>
 #include <stdexcept>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/Failure.h"
 #include "ir/IrGraph.h"
 #include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

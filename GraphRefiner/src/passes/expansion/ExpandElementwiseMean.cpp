@@ -1,17 +1,15 @@
 #include "GraphRefiner/src/passes/expansion/ExpandElementwiseMean.h"
 
 #include <stdexcept>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
-#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 #include "ops/Broadcast.h"
 
 namespace netforge::graphrefiner {
 
 namespace {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
 
 bool expandToIdentity(const GraphPtr& graph, const OpPtr& op) {
   const auto input = op->getInput(0);

@@ -4,9 +4,9 @@
 #include <array>
 #include <iostream>
 #include <stdexcept>
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
-#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/recurrent/ReplacementOps.h"
 #include "ir/Failure.h"
 

@@ -2,9 +2,9 @@
 
 #include <iostream>
 #include <numeric>
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
-#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {

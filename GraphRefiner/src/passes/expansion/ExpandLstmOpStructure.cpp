@@ -3,16 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
-#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "ir/Failure.h"
 
 namespace netforge::graphrefiner {
 
 namespace {
-
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 template <class... Parts>
 bool refuse(const Parts&... parts) {

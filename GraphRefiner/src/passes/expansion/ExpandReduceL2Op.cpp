@@ -1,9 +1,9 @@
 #include "GraphRefiner/src/passes/expansion/ExpandReduceL2Op.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
-#include "GraphRefiner/src/passes/expansion/ElementCodes.h"
 #include "GraphRefiner/src/passes/expansion/OpExpansion.h"
 
 namespace netforge::graphrefiner {

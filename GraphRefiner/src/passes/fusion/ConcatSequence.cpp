@@ -1,15 +1,13 @@
 #include "GraphRefiner/src/passes/fusion/ConcatSequence.h"
 
 #include <iostream>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/Failure.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <vector>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/AxisOrder.h"
@@ -13,9 +14,6 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Dims = std::vector<std::uint32_t>;
 using BlockSize = std::array<std::uint32_t, 2>;
 

@@ -1,6 +1,8 @@
 #include "GraphRefiner/src/passes/fusion/ExpandToEltwise.h"
 
 #include <limits>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -8,16 +10,10 @@
 
 namespace netforge::graphrefiner {
 
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Dims = std::vector<std::uint32_t>;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
-
-// "operation" of Eltwise_Binary.
-constexpr std::uint32_t kAnd = 1;
-constexpr std::uint32_t kMultiply = 13;
 
 // The bytes of a 1, lowest first; none for a type that has no exact one.
 Bytes encodeOne(DataType type) {

@@ -1,17 +1,14 @@
 #include "GraphRefiner/src/passes/fusion/FoldHadamardWithMul.h"
 
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
 
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-constexpr double kMultiply = 13.0;  // "operation" of Eltwise_Binary
 
 PatternPtr productOf(const PatternPtr& a, const PatternPtr& b) {
   return withAttr(makeOp("Eltwise_Binary", a, b), makeAttr("operation", kMultiply));

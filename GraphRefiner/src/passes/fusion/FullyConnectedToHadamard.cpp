@@ -1,6 +1,7 @@
 #include "GraphRefiner/src/passes/fusion/FullyConnectedToHadamard.h"
 
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
@@ -8,9 +9,6 @@
 #include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
 
 namespace {
 

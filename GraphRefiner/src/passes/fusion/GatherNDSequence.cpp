@@ -1,6 +1,8 @@
 #include "GraphRefiner/src/passes/fusion/GatherNDSequence.h"
 
 #include <string>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -8,15 +10,7 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-// "operation" of Eltwise_Binary.
-constexpr double kAdd = 0.0;
-constexpr double kMultiply = 13.0;
 
 // Whether Pack can stack the operands of the sum that makes the flat index.
 bool isStackable(const TensorPtr& row, const TensorPtr& column, const TensorPtr& index) {

@@ -6,6 +6,8 @@
 #include <iostream>
 #include <string>
 #include <vector>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/Failure.h"
@@ -14,19 +16,7 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-// "operation" of Eltwise_Binary and of ElementWiseNeuron.
-constexpr double kAdd = 0.0;
-constexpr double kDivide = 2.0;
-constexpr double kMultiply = 13.0;
-constexpr double kPower = 16.0;
-constexpr double kTanh = 8.0;
-constexpr std::uint32_t kGelu = 1;
 
 constexpr double kSqrtTwoOverPi = 0.7978845608028654;
 constexpr double kCubicCoefficient = 0.044715;

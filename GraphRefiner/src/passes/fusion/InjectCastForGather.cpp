@@ -1,6 +1,7 @@
 #include "GraphRefiner/src/passes/fusion/InjectCastForGather.h"
 
 #include <iostream>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/Failure.h"
@@ -8,10 +9,6 @@
 #include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
 #include "ir/Failure.h"
@@ -12,9 +13,6 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Dims = std::vector<std::uint32_t>;
 
 namespace {

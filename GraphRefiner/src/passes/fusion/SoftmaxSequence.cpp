@@ -2,17 +2,15 @@
 
 #include <algorithm>
 #include <optional>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
 
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-constexpr double kMultiply = 13.0;  // "operation" of Eltwise_Binary
 
 bool hasQuantization(const TensorPtr& tensor) {
   return tensor->isQuantized() || tensor->getQuantInfo().isOverridden;

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <optional>
 #include <vector>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/NameNumbers.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
@@ -12,10 +13,6 @@
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

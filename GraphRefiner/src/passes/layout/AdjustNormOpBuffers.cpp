@@ -2,15 +2,13 @@
 
 #include <algorithm>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Axes = std::vector<std::uint32_t>;
 
 namespace {

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <optional>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -13,9 +14,6 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Dims = std::vector<std::uint32_t>;
 
 namespace {

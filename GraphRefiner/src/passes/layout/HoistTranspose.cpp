@@ -1,6 +1,7 @@
 #include "GraphRefiner/src/passes/layout/HoistTranspose.h"
 
 #include <array>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "GraphRefiner/src/passes/layout/HoistTransposeRegions.h"
@@ -10,10 +11,6 @@
 namespace netforge::graphrefiner {
 
 namespace {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 constexpr std::uint32_t kRank = 4;
 

@@ -1,6 +1,7 @@
 #include "GraphRefiner/src/passes/layout/HoistTransposeAboveElementWiseMux.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -9,10 +10,6 @@
 namespace netforge::graphrefiner {
 
 namespace {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 std::string transposedName(const TensorPtr& input) {
   return input->getName() + "_transpose_for_mux";

@@ -1,14 +1,13 @@
 #include "GraphRefiner/src/passes/layout/MatchDepthReduceSequence.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
 
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Dims = std::vector<std::uint32_t>;
 
 namespace {

@@ -1,14 +1,12 @@
 #include "GraphRefiner/src/passes/layout/MatchFallbackDepthBroadcastEltwiseBin.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 
 namespace netforge::graphrefiner {
-
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 MatchFallbackDepthBroadcastEltwiseBin::MatchFallbackDepthBroadcastEltwiseBin() {
   const auto product = makeAttr("operation", 13.0);

@@ -1,15 +1,13 @@
 #include "GraphRefiner/src/passes/layout/MatchMatmulDifferentInputRanks.h"
 
 #include <algorithm>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
 #include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
-
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

@@ -1,5 +1,6 @@
 #include "GraphRefiner/src/passes/layout/MatchReduceEltwiseBinTranspose.h"
 
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -7,10 +8,6 @@
 namespace netforge::graphrefiner {
 
 namespace {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 // Whether the Transpose in front of this operand goes when the other one gets the outer Transpose's order.
 bool isUndone(const GraphPtr& graph, const TensorPtr& side, const TensorPtr& other, const Permutation& perm) {

@@ -1,5 +1,6 @@
 #include "GraphRefiner/src/passes/layout/MatchTransposeSumSequence.h"
 
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "ir/IrGraph.h"
@@ -8,10 +9,6 @@
 namespace netforge::graphrefiner {
 
 namespace {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 bool canSink(const GraphPtr& graph, const OpPtr& transpose) {
   return transpose->getAttributes()->hasAttr("perm") && !isGraphOutput(transpose->getOutput(0)) &&

@@ -4,23 +4,15 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "ir/IrGraph.h"
 #include "ops/OpFactory.h"
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-// "operation" of Eltwise_Binary and, the last one, of Eltwise_Unary.
-constexpr std::uint32_t kAdd = 0;
-constexpr std::uint32_t kMultiply = 13;
-constexpr std::uint32_t kSubtract = 18;
-constexpr std::uint32_t kNegate = 8;
 
 PatternPtr makeNegation() {
   return withAttr(makeOpType("Eltwise_Unary"), makeAttr("operation", static_cast<double>(kNegate)));

@@ -4,6 +4,8 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
@@ -12,16 +14,7 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
-
 namespace {
-
-// "operation" of an Eltwise_Binary.
-constexpr std::uint32_t kAnd = 1;
-constexpr std::uint32_t kDivide = 2;
-constexpr std::uint32_t kMultiply = 13;
 
 void report(const char* handler, const std::string& text) {
   std::cout << "netforge::graphrefiner::removeIdentity::" << handler << ": " << text << '\n' << std::endl;

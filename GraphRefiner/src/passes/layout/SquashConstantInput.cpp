@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "GraphRefiner/src/OperationCodes.h"
 #include "GraphRefiner/src/PassBuilders.h"
 #include "GraphRefiner/src/RawData.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
@@ -12,8 +13,6 @@
 namespace netforge::graphrefiner {
 
 namespace {
-
-constexpr std::uint32_t kGelu = 1;  // "operation" of an ElementWiseNeuron
 
 using ReadAsFloat = float (*)(const std::uint8_t* data, std::uint64_t index);
 

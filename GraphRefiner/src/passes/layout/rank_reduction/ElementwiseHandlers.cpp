@@ -1,13 +1,11 @@
 // Ops that treat each element by itself.
 #include <cstdint>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/RankReduction.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/Refusal.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/Replace6dOpPass.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
 
 namespace {
 

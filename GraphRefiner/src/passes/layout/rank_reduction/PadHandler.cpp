@@ -3,16 +3,13 @@
 #include <cstdint>
 #include <numeric>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/RankReduction.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/Refusal.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/Replace6dOpPass.h"
 
 namespace netforge::graphrefiner {
-
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 
 namespace {
 

@@ -1,6 +1,7 @@
 // StridedSlices: leading axes that are not sliced are dropped when they have size 1, and split off when not.
 #include <cstdint>
 #include <string>
+#include "GraphRefiner/src/Handles.h"
 #include "GraphRefiner/src/RewriteUtilities.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/RankReduction.h"
 #include "GraphRefiner/src/passes/layout/rank_reduction/Refusal.h"
@@ -11,9 +12,6 @@
 
 namespace netforge::graphrefiner {
 
-using GraphPtr = std::shared_ptr<IrGraph>;
-using OpPtr = std::shared_ptr<ops::IrOp>;
-using TensorPtr = std::shared_ptr<IrTensor>;
 using Rows = std::vector<std::int32_t>;  // begin, end, stride of each axis
 
 namespace {
