@@ -4,7 +4,6 @@
 #include "tests/metadata/MetadataSupport.h"
 #include "tests/support/Failures.h"
 #include "tests/support/GraphText.h"
-#include "tests/support/PassFixture.h"
 
 namespace netforge::testing {
 namespace {
@@ -105,11 +104,6 @@ TEST_F(LoraRecording, AFailureLeavesTheFileAsItWas) {
   const std::string before = folder.read();
   failureOf<std::out_of_range>([&] { record("in y[2,3,5,7] order=[1,2,0]"); });
   EXPECT_EQ(folder.read(), before);
-}
-
-TEST_F(LoraRecording, DoesNothingWithoutAPath) {
-  expectPass(graphrefiner::PassId::RecordLoraTensorTransforms,
-             {{.fault = "a graph without a metadata file is taken for one with", .before = "in x[2,3]"}});
 }
 
 }  // namespace

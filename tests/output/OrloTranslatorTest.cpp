@@ -229,10 +229,5 @@ TEST(OrloCache, RecordsOutliveAllThatTheyDescribe) {
   EXPECT_NE(before.find("0000803f 00000040"), std::string::npos) << "the data is in the record";
 }
 
-TEST(OrloDataTypes, OfAnUnknownElementType) {
-  EXPECT_EQ(failureOf<std::runtime_error>([] { getOrloDataType<double>(); }),
-            "getOrloDataType: Unsupported type in getOrloDataType");
-}
-
 }  // namespace
 }  // namespace netforge

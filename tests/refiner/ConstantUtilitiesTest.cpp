@@ -116,15 +116,6 @@ TEST(Permutations, MakersAndInverse) {
   for (const std::uint32_t rank : {0u, 1u, 2u}) EXPECT_EQ(permChannelFirstToLast(rank).size(), rank);
 }
 
-TEST(DimsTests, TailBroadcast) {
-  const struct {
-    std::vector<std::uint32_t> big, small;
-    bool fits;
-  } cases[] = {{{2, 3, 4}, {3, 4}, true},  {{2, 3, 4}, {1, 4}, true},  {{2, 3, 4}, {}, true},
-               {{2, 3, 4}, {2, 3}, false}, {{3, 4}, {2, 3, 4}, false}, {{1, 4}, {3, 4}, false}};
-  for (const auto& c : cases) EXPECT_EQ(isTailBroadcastable(c.big, c.small), c.fits);
-}
-
 TEST(HalfFloat, InvertsTheConversionFromSingle) {
   for (std::uint32_t bits = 0; bits <= 0xFFFF; ++bits) {
     const auto half = static_cast<std::uint16_t>(bits);

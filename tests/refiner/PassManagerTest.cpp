@@ -52,8 +52,8 @@ TEST_F(PassManagerTest, RunModes) {
     int changingRuns;  // the first runs report a change
     int calls;
     bool changed;
-  } cases[] = {{0, 0, 1, false}, {0, 9, 1, true},   {1, 0, 1, false},  {1, 1, 2, true},
-               {1, 3, 4, true},  {1, 50, 51, true}, {1, 99, 51, true}, {2, 9, 0, false}};
+  } cases[] = {{0, 0, 1, false},  {0, 9, 1, true},   {1, 0, 1, false}, {1, 1, 2, true},
+               {1, 50, 51, true}, {1, 99, 51, true}, {2, 9, 0, false}};
   for (const auto& c : cases) {
     int left = c.changingRuns;
     const auto pass = registry.add(

@@ -32,19 +32,6 @@ class TransposeTest : public ::testing::Test {
   CapturedOutput output;
 };
 
-TEST_F(TransposeTest, InsertSharesOneTransposePerOrder) {
-  insertOrReuseTranspose(graph, a, 0, {1, 2, 0});
-  insertOrReuseTranspose(graph, b, 0, {1, 2, 0});
-  EXPECT_EQ(opNames(graph), (Names{"r", "r_120", "a", "b"}));
-  EXPECT_EQ(a->getInput(0)->getName(), "r_120");
-  EXPECT_EQ(b->getInput(0), a->getInput(0));
-  EXPECT_EQ(a->getInput(0)->getDims(), (Dims{3, 5, 2}));
-  const auto c = addPlainOp(graph, "c", "Cast", {"r"}, {2, 3, 5});
-  insertOrReuseTranspose(graph, c, 0, {2, 0, 1});
-  EXPECT_EQ(c->getInput(0)->getName(), "r_201") << "another order is another Transpose";
-  EXPECT_EQ(output.text(), "");
-}
-
 TEST_F(TransposeTest, AnOpNeverReadsItself) {
   const auto t = addTranspose(graph, "t", "r", {1, 0, 2});
   insertOrReuseTranspose(graph, t, 0, {1, 0, 2});

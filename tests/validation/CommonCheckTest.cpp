@@ -90,11 +90,9 @@ TEST(CommonCheck, ConfigsAndParams) {
       {[](Op& op) { op.params[1].tensor.clientBuf.data = nullptr; }, nullBuffer},
       {[](Op& op) { op.params[1].tensor.memType = 1; }, nullBuffer},
       {[](Op& op) { op.config.inputTensors = nullptr; }, "Input tensors missing.\n"},
-      // What comes first is reported.
-      {[](Op& op) {
-         op.output.dimensions = nullptr;
-         op.params[0].name = nullptr;
-       },
+      {[](Op& op) { op.output.dimensions = op.input.dimensions = nullptr; },
+       "Tensor of id 21 has NULL dimensions.\nInput tensor 21 failed common validation.\n"},
+      {[](Op& op) { op.output.dimensions = nullptr; },
        "Tensor of id 22 has NULL dimensions.\nOutput tensor 22 failed common validation.\n"},
   });
 }
@@ -109,14 +107,8 @@ TEST(CommonCheck, Tensors) {
     };
   };
   expectMessages({
-      {[](Op& op) { op.input.dimensions = nullptr; }, "Tensor of id 21 has NULL dimensions.\n" + failed},
       {[](Op& op) { op.input.rank = 0; },
        "Tensor of id 21 has rank 0 and must have NULL dimensions.\n" + failed},
-      {[](Op& op) {
-         op.input.rank = 0;
-         op.input.dimensions = nullptr;
-       },
-       ""},
       {[](Op& op) { op.input.dataType = ORLO_DATATYPE_STRING; },
        "Tensor of id &u has invalid datatype: ORLO_DATATYPE_STRING.\n" + failed},
       {[](Op& op) {
