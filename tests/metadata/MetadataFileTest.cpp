@@ -207,5 +207,16 @@ TEST(MetadataFile, ReplacesAFileWithItsLinksAndRights) {
   EXPECT_EQ(folder.dumps(), (std::set<std::string>{"link.json", "transforms.json"}));
 }
 
+TEST(MetadataFile, NamesOfGraphsAreUnique) {
+  const std::string head = "netforge::graphrefiner::ODLTransformManager::";
+  ODLTransformManager manager;
+  const auto create = [&] { manager.createTransformGraph("a", 2, std::nullopt, std::nullopt, std::nullopt); };
+  create();
+  EXPECT_EQ(failureOf<std::runtime_error>(create),
+            head + "createTransformGraph: Transform_graph a already exists!");
+  EXPECT_EQ(failureOf<std::runtime_error>([&] { manager.getTransformGraph("c"); }),
+            head + "getTransformGraph: Transform graph c doesn't exist");
+}
+
 }  // namespace
 }  // namespace netforge::testing

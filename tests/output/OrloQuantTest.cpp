@@ -136,6 +136,18 @@ TEST(OrloQuant, EveryKind) {
   }
 }
 
+TEST(OrloQuant, FloatTensorsHaveNone) {
+  IrOrloTranslator translator;
+  IrOrloTranslator::KeepAlive keepAlive;
+  Orlo_QuantizeParams_t params = emptyParams();
+  params.raw[3] = 1;
+  const auto tensor = tensorWith(4, [](QuantInfo& info) { info.blockAxis = -1; });
+  tensor->setDataType(ORLO_DATATYPE_FLOAT_16);
+  translator.translateQuantEncoding(tensor, params, keepAlive);
+  EXPECT_EQ(quantText(params, 3, 2), "");
+  EXPECT_EQ(params.raw[3], 0) << "the group is zero";
+}
+
 TEST(OrloQuant, UnknownKindsAreSkippedAloud) {
   IrOrloTranslator translator;
   IrOrloTranslator::KeepAlive keepAlive;

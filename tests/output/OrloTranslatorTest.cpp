@@ -198,6 +198,20 @@ TEST(OrloCache, TheFirstFormStays) {
   EXPECT_NE(translator.translateTensor(graph->getTensor("before")), old);
 }
 
+TEST(OrloCache, AFailureLeavesNoRecord) {
+  const auto graph = readGraph("in x[2,3] f32\nq[2,3] uq8 scale=0.5 = Custom(x)\ny = Relu(q)\nout y");
+  IrOrloTranslator translator;
+  QuantInfo info;
+  info.encoding = QuantEncodingKind::Block;
+  const auto translate = [&] {
+    graph->getTensor("q")->setQInfo(ORLO_DATATYPE_UFIXED_POINT_8, info);
+    translator.getOrloOp(graph->getOp("y"), true, "");
+  };
+  failureOf<std::invalid_argument>(translate);
+  info.blockEncodings.resize(1);
+  EXPECT_NO_THROW(translate());
+}
+
 TEST(OrloCache, RecordsOutliveAllThatTheyDescribe) {
   IrOrloTranslator translator;
   const Orlo_OpConfig_t* config = nullptr;

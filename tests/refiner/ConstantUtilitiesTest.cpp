@@ -116,6 +116,14 @@ TEST(Permutations, MakersAndInverse) {
   for (const std::uint32_t rank : {0u, 1u, 2u}) EXPECT_EQ(permChannelFirstToLast(rank).size(), rank);
 }
 
+TEST(DimsTests, TailBroadcast) {
+  EXPECT_TRUE(isTailBroadcastable({2, 3, 4}, {1, 4}));
+  EXPECT_TRUE(isTailBroadcastable({2, 3, 4}, {}));
+  EXPECT_FALSE(isTailBroadcastable({2, 3, 4}, {2, 3}));
+  EXPECT_FALSE(isTailBroadcastable({3, 4}, {1, 3, 4}));
+  EXPECT_FALSE(isTailBroadcastable({1, 4}, {3, 4}));
+}
+
 TEST(HalfFloat, InvertsTheConversionFromSingle) {
   for (std::uint32_t bits = 0; bits <= 0xFFFF; ++bits) {
     const auto half = static_cast<std::uint16_t>(bits);

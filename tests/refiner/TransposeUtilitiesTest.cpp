@@ -32,7 +32,9 @@ class TransposeTest : public ::testing::Test {
   CapturedOutput output;
 };
 
-TEST_F(TransposeTest, AnOpNeverReadsItself) {
+TEST_F(TransposeTest, AnOpReadsNeitherItselfNorATransposeWithoutOrder) {
+  graph->addOp(std::make_shared<ops::IrOp>("bare", "Transpose", nullptr), {"r"}, {"bare"},
+               {IrTensorShape({2, 3, 5})}, {}, -1, false);
   const auto t = addTranspose(graph, "t", "r", {1, 0, 2});
   insertOrReuseTranspose(graph, t, 0, {1, 0, 2});
   EXPECT_EQ(t->getInput(0)->getName(), "r_102");
