@@ -10,3 +10,5 @@ for program in "$build"/bench/bm_*; do
   "$program" --benchmark_format=json --benchmark_repetitions=3 >"$program.json"
   "$python" "$(dirname "$0")/growth.py" "$program.json"
 done
+echo "== peak_memory"
+"$build"/bench/peak_memory
