@@ -118,6 +118,7 @@ def _one_node(
 
 
 SQUARE = np.arange(16, dtype=np.float32).reshape(4, 4)
+BLOCK = SQUARE.reshape(2, 2, 4)
 INDICES = np.array([[1, 0], [3, 2]], np.int64)
 
 
@@ -125,6 +126,7 @@ INDICES = np.array([[1, 0], [3, 2]], np.int64)
     ("model", "written"),
     [
         (_one_node("Hardmax", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])]), "Hardmax"),
+        (_one_node("Hardmax", 11, {"x": BLOCK}, [("y", FLOAT, [2, 2, 4])], axis=-2), "Flatten"),
         (
             _one_node(
                 "Scatter", 9, {"x": SQUARE, "i": INDICES, "u": SQUARE[:2, :2]}, [("y", FLOAT, [4, 4])], axis=1
@@ -133,12 +135,14 @@ INDICES = np.array([[1, 0], [3, 2]], np.int64)
         ),
         (_one_node("Shrink", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])], lambd=3.0, bias=1.0), "Shrink"),
     ],
-    ids=["axis meant otherwise before", "renamed", "the same since"],
+    ids=["axis meant otherwise before", "axes that counted as one", "renamed", "the same since"],
 )
 def test_operators_of_older_versions_keep_their_sense(model: onnx.ModelProto, written: str) -> None:
     exported = netforge.to_onnx(netforge.from_onnx(model, "source"), opset=21)
     assert written in [node.op_type for node in exported.graph.node]
-    np.testing.assert_array_equal(*(run(form, {"x": SQUARE + 1})[0] for form in (exported, model)))
+    dims = [size.dim_value for size in model.graph.input[0].type.tensor_type.shape.dim]
+    data = {"x": SQUARE.reshape(dims) + 1}
+    np.testing.assert_array_equal(*(run(form, data)[0] for form in (exported, model)))
 
 
 def test_constants_lie_outside_on_request_and_beyond_the_limit(tmp_path: Path, monkeypatch) -> None:

@@ -9,7 +9,7 @@ import onnx
 from onnx import defs, helper, numpy_helper
 
 import netforge
-from netforge.onnx_export.element_types import element_type
+from netforge.onnx_export.element_types import INT64, element_type
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import GraphWriter
 from netforge.onnx_export.op_writer import OpWriter
@@ -215,6 +215,10 @@ def _write_converted(
     if name in _RENAMED:
         op.graph.add(_RENAMED[name], inputs, outputs, op.op.name, attributes)
         return
+    if name in _FLATTENED:
+        axis = int(attributes.get("axis", 1))  # type: ignore[call-overload]
+        _write_flattened(op, name, inputs[0], outputs[0], axis)
+        return
     node = helper.make_node(name, inputs, outputs, **attributes)
     infos = {}
     initializers = []
@@ -244,6 +248,21 @@ def _write_converted(
 
 
 _RENAMED = {"Scatter": "ScatterElements"}
+# Before version 13 all axes from the given one on count as one. The package leaves this one as it is.
+_FLATTENED = frozenset(("Hardmax",))
+
+
+def _write_flattened(op: OpWriter, name: str, x: str, output: str, axis: int) -> None:
+    dims = op.dims(x)
+    axis += len(dims) if axis < 0 else 0
+    if axis == len(dims) - 1:
+        op.graph.add(name, [x], [output], op.op.name, {"axis": axis})
+        return
+    flat = op.node(name, [op.node("Flatten", [x], {"axis": axis})], {"axis": 1})
+    is_static = None not in dims
+    shape = op.shape(dims) if is_static else op.node("Shape", [x], kind=INT64)  # type: ignore[arg-type]
+    zero = None if is_static and 0 not in dims else {"allowzero": 1}
+    op.graph.add("Reshape", [flat, shape], [output], op.op.name, zero)
 
 
 def _context(opset: int) -> onnx.checker.C.CheckerContext:
