@@ -118,25 +118,63 @@ def _one_node(
 
 
 SQUARE = np.arange(16, dtype=np.float32).reshape(4, 4)
-BLOCK = SQUARE.reshape(2, 2, 4)
 INDICES = np.array([[1, 0], [3, 2]], np.int64)
 
 
-@pytest.mark.parametrize(
-    ("model", "written"),
-    [
-        (_one_node("Hardmax", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])]), "Hardmax"),
-        (_one_node("Hardmax", 11, {"x": BLOCK}, [("y", FLOAT, [2, 2, 4])], axis=-2), "Flatten"),
-        (
-            _one_node(
-                "Scatter", 9, {"x": SQUARE, "i": INDICES, "u": SQUARE[:2, :2]}, [("y", FLOAT, [4, 4])], axis=1
-            ),
-            "ScatterElements",
+IMAGE = SQUARE.reshape(1, 1, 4, 4)
+OLDER = {
+    "axis meant otherwise before": (
+        _one_node("Hardmax", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])]),
+        "Hardmax",
+    ),
+    "axes that counted as one": (
+        _one_node("Hardmax", 11, {"x": SQUARE.reshape(2, 2, 4)}, [("y", FLOAT, [2, 2, 4])], axis=-2),
+        "Flatten",
+    ),
+    "renamed": (
+        _one_node(
+            "Scatter", 9, {"x": SQUARE, "i": INDICES, "u": SQUARE[:2, :2]}, [("y", FLOAT, [4, 4])], axis=1
         ),
-        (_one_node("Shrink", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])], lambd=3.0, bias=1.0), "Shrink"),
-    ],
-    ids=["axis meant otherwise before", "axes that counted as one", "renamed", "the same since"],
-)
+        "ScatterElements",
+    ),
+    "the same since": (
+        _one_node("Shrink", 9, {"x": SQUARE}, [("y", FLOAT, [4, 4])], lambd=3.0, bias=1.0),
+        "Shrink",
+    ),
+    "images laid corner on corner": (
+        _one_node(
+            "Resize",
+            10,
+            {"x": SQUARE.reshape(1, 2, 2, 4), "s": np.float32([1, 2, 1, 1])},
+            [("y", FLOAT, [1, 4, 2, 4])],
+            mode="linear",
+        ),
+        "Resize",
+    ),
+    "regions half a pixel off": (
+        _one_node(
+            "RoiAlign",
+            10,
+            {"x": IMAGE, "r": np.float32([[0, 0, 3, 3]]), "b": np.zeros(1, np.int64)},
+            [("y", FLOAT, [1, 1, 2, 2])],
+            output_height=2,
+            output_width=2,
+        ),
+        "RoiAlign",
+    ),
+    "mode under another name": (
+        _one_node(
+            "GridSample",
+            16,
+            {"x": IMAGE, "g": np.float32([[[[0.3, -0.2], [0.5, 0.9]]]])},
+            [("y", FLOAT, [1, 1, 1, 2])],
+        ),
+        "GridSample",
+    ),
+}
+
+
+@pytest.mark.parametrize(("model", "written"), OLDER.values(), ids=OLDER)
 def test_operators_of_older_versions_keep_their_sense(model: onnx.ModelProto, written: str) -> None:
     exported = netforge.to_onnx(netforge.from_onnx(model, "source"), opset=21)
     assert written in [node.op_type for node in exported.graph.node]

@@ -9,12 +9,13 @@ import onnx
 from onnx import defs, helper, numpy_helper
 
 import netforge
-from netforge.onnx_export.element_types import INT64, element_type
+from netforge.onnx_export.element_types import element_type
 from netforge.onnx_export.errors import OnnxExportError
 from netforge.onnx_export.graph_writer import GraphWriter
 from netforge.onnx_export.op_writer import OpWriter
 from netforge.onnx_export.operand_types import common_types, output_types
 from netforge.onnx_export.registry import writers
+from netforge.onnx_export.version_changes import write_changed
 
 OLDEST_OPSET, DEFAULT_OPSET = 18, 21
 _TWO_BITS = frozenset(
@@ -27,6 +28,7 @@ _OWN_PLACES = frozenset(("onnx_input_positions", "onnx_output_positions", "onnx_
 _CHANGES = {
     "Softmax": (13,), "LogSoftmax": (13,), "Hardmax": (13,), "GroupNormalization": (21,), "Resize": (11,),
     "BatchNormalization": (14, 15), "Dropout": (12,), "Upsample": (9,), "TopK": (11,), "Scan": (9,),
+    "RoiAlign": (16,), "GridSample": (20,),
 }  # fmt: skip
 
 
@@ -212,12 +214,7 @@ def _write_converted(
     attributes: dict[str, object],
 ) -> None:
     """Brings the node to the graph's version, as the onnx package converts a model of this one node."""
-    if name in _RENAMED:
-        op.graph.add(_RENAMED[name], inputs, outputs, op.op.name, attributes)
-        return
-    if name in _FLATTENED:
-        axis = int(attributes.get("axis", 1))  # type: ignore[call-overload]
-        _write_flattened(op, name, inputs[0], outputs[0], axis)
+    if write_changed(op, name, version, inputs, outputs, attributes):
         return
     node = helper.make_node(name, inputs, outputs, **attributes)
     infos = {}
@@ -245,24 +242,6 @@ def _write_converted(
             f"'{op.op.name}' ({op.op.type})",
         ) from error
     _splice(op.graph, op.op.name, converted, {*inputs, *outputs})
-
-
-_RENAMED = {"Scatter": "ScatterElements"}
-# Before version 13 all axes from the given one on count as one. The package leaves this one as it is.
-_FLATTENED = frozenset(("Hardmax",))
-
-
-def _write_flattened(op: OpWriter, name: str, x: str, output: str, axis: int) -> None:
-    dims = op.dims(x)
-    axis += len(dims) if axis < 0 else 0
-    if axis == len(dims) - 1:
-        op.graph.add(name, [x], [output], op.op.name, {"axis": axis})
-        return
-    flat = op.node(name, [op.node("Flatten", [x], {"axis": axis})], {"axis": 1})
-    is_static = None not in dims
-    shape = op.shape(dims) if is_static else op.node("Shape", [x], kind=INT64)  # type: ignore[arg-type]
-    zero = None if is_static and 0 not in dims else {"allowzero": 1}
-    op.graph.add("Reshape", [flat, shape], [output], op.op.name, zero)
 
 
 def _context(opset: int) -> onnx.checker.C.CheckerContext:
